@@ -1,0 +1,25 @@
+#pragma once
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+namespace sprelio::platform {
+
+struct RunningApplication {
+    pid_t processIdentifier = 0;
+    std::string bundleIdentifier;           // empty when unknown
+    std::optional<std::string> localizedName;
+    std::string description() const;
+};
+
+class Workspace {
+public:
+    virtual ~Workspace() = default;
+    virtual std::optional<RunningApplication> frontmostApplication() const = 0;
+    // Brings another application's window to the front; `options` keeps the platform's flag values (2 = ignore other apps).
+    virtual bool activate(const RunningApplication& app, unsigned options) = 0;
+    // Brings Sprelio itself to the front.
+    virtual void activateSelf() = 0;
+};
+
+} // namespace sprelio::platform
