@@ -1,0 +1,144 @@
+#include "store/Persistence.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <system_error>
+
+#include "core/Uuid.h"
+#include "diagnostics/Log.h"
+#include "store/SqliteStore.h"
+
+namespace sprelio::store {
+
+namespace {
+
+std::unique_ptr<PersistenceController>& sharedSlot() {
+    static std::unique_ptr<PersistenceController> slot;
+    return slot;
+}
+
+[[noreturn]] void fatal(const std::string& message) {
+    logCritical("PersistenceController.init() - " + message);
+    flushLog();
+    std::fprintf(stderr, "Persistence: Fatal error: %s\n", message.c_str());
+    std::fflush(stderr);
+    std::abort();
+}
+
+} // namespace
+
+// MARK: PersistentContainer
+
+PersistentContainer::PersistentContainer(std::string name, std::filesystem::path storeFile)
+    : name_(std::move(name)), storeFile_(std::move(storeFile)) {}
+
+void PersistentContainer::setStoreFile(std::filesystem::path storeFile) {
+    if (isLoaded()) throw std::logic_error("PersistentContainer::setStoreFile() - the store is loaded already");
+    storeFile_ = std::move(storeFile);
+}
+
+std::optional<StoreError> PersistentContainer::loadPersistentStores() {
+    if (isLoaded()) return std::nullopt;
+    try {
+        if (isInMemory()) {
+            store_ = SqliteStore::openInMemory();
+        } else {
+            // Like the default location of the platform's container: the folder is made when missing.
+            std::error_code ec;
+            if (storeFile_.has_parent_path()) std::filesystem::create_directories(storeFile_.parent_path(), ec);
+            store_ = SqliteStore::open(storeFile_);
+        }
+        viewContext_ = std::make_unique<ManagedObjectContext>(store_);
+    } catch (const StoreError& e) {
+        store_.reset();
+        viewContext_.reset();
+        return e;
+    }
+    return std::nullopt;
+}
+
+ManagedObjectContext& PersistentContainer::viewContext() {
+    if (!viewContext_) throw std::logic_error("PersistentContainer::viewContext() - the store is not loaded");
+    return *viewContext_;
+}
+
+std::unique_ptr<ManagedObjectContext> PersistentContainer::newBackgroundContext() {
+    if (!store_) throw std::logic_error("PersistentContainer::newBackgroundContext() - the store is not loaded");
+    auto context = std::make_unique<ManagedObjectContext>(store_->openAnotherConnection());
+    context->mergePolicy = viewContext_->mergePolicy;
+    return context;
+}
+
+// MARK: PersistenceController
+
+PersistenceController::PersistenceController(const std::filesystem::path& supportFolder, bool inMemory) {
+    // 1. The container "Persistence", its store in the support folder.
+    container_ = std::make_unique<PersistentContainer>(kModelName, supportFolder / kStoreFileName);
+    // 2. In memory: the store's URL is "/dev/null".
+    if (inMemory) container_->setStoreFile(PersistentContainer::kInMemoryStoreFile);
+    // 3. Load; an error is fatal, with no recovery, deletion or retry.
+    if (auto error = container_->loadPersistentStores()) {
+        fatal("Unresolved error " + error->error().debugDescription() + ", " +
+              describeUserInfo(error->error().userInfo));
+    }
+    auto& viewContext = container_->viewContext();
+    // 4. and 5.
+    viewContext.automaticallyMergesChangesFromParent = true;
+    viewContext.mergePolicy = MergePolicy::mergeByPropertyObjectTrump;
+    // 6. Repair what older builds left behind.
+    validateAndRepairUserShortcuts(viewContext);
+}
+
+PersistenceController& PersistenceController::install(const std::filesystem::path& supportFolder, bool inMemory) {
+    auto& slot = sharedSlot();
+    if (!slot) slot = std::make_unique<PersistenceController>(supportFolder, inMemory);
+    return *slot;
+}
+
+PersistenceController& PersistenceController::shared() {
+    auto& slot = sharedSlot();
+    if (!slot) {
+        logCritical("PersistenceController.shared - used before PersistenceController::install()");
+        flushLog();
+        std::fprintf(stderr, "Persistence: Fatal error: PersistenceController.shared used before install()\n");
+        std::abort();
+    }
+    return *slot;
+}
+
+bool PersistenceController::isInstalled() { return sharedSlot() != nullptr; }
+
+void PersistenceController::uninstallForTesting() { sharedSlot().reset(); }
+
+// MARK: Repair
+
+void validateAndRepairUserShortcuts(ManagedObjectContext& viewContext) {
+    static const std::string kFailed = "validateAndRepairUserShortcuts() - Failed to validate/repair UserShortcuts: ";
+    std::vector<std::shared_ptr<UserShortcut>> shortcuts;
+    try {
+        shortcuts = viewContext.fetchAll<UserShortcut>();
+    } catch (const StoreError& e) {
+        logError(kFailed + e.error().debugDescription());
+        return;
+    }
+    int count = 0;
+    for (const auto& shortcut : shortcuts) {
+        if (!shortcut->uuid()) {
+            shortcut->setUuid(Uuid::random());
+            logInfo("validateAndRepairUserShortcuts() - Found UserShortcut with nil UUID, assigned new UUID");
+            ++count;
+        }
+    }
+    if (count > 0) {
+        try {
+            viewContext.save();
+            logInfo("validateAndRepairUserShortcuts() - Repaired " + std::to_string(count) +
+                    " UserShortcut(s) with nil UUID");
+        } catch (const StoreError& e) {
+            logError(kFailed + e.error().debugDescription());
+        }
+    }
+}
+
+} // namespace sprelio::store
