@@ -1,0 +1,161 @@
+#pragma once
+// The central object of the process. This part of it is the dictation session: from a shortcut press to
+// delivered text and back to idle. Every step runs on the main loop and each hop is a post, so that a press
+// handler returns at once to the event path.
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+#include <nlohmann/json.hpp>
+
+#include "core/AppActivity.h"
+#include "core/AppState.h"
+#include "core/Error.h"
+#include "core/SharedAppDelegate.h"
+#include "core/ShortcutAction.h"
+#include "core/Uuid.h"
+#include "diagnostics/HistoryManager.h"
+#include "platform/Platform.h"
+#include "ui/OverlayController.h"
+
+namespace sprelio {
+
+namespace store {
+class Settings;
+class UserShortcut;
+} // namespace store
+
+class AccesibilityController;
+class AudioUploadManager;
+class ContinuousSpeechManager;
+class IntelligenceViewModel;
+class MessageCenter;
+class MicrophoneManager;
+class RecordingAudio;
+class RecordingAudioFactory;
+class ResultsWindow;
+class Stopwatch;
+class SubstitutionHelpers;
+
+struct AppDelegateDependencies {
+    platform::Platform platform;
+    store::Settings& settings;
+    AppState& appState;
+    AppStateRealtimeMirror& realtimeMirror;
+    MessageCenter& messages;
+    RecordingAudioFactory& recordingAudioFactory;
+    MicrophoneManager& microphoneManager;
+    AudioUploadManager& uploadManager;
+    SubstitutionHelpers& substitutionHelpers;
+    AccesibilityController& accessibilityController;
+    IntelligenceViewModel& intelligenceViewModel;
+    ContinuousSpeechManager& continuousSpeechManager;
+    HistoryManager& historyManager;
+    ResultsWindow& resultsWindow;
+    // Sprelio's own application identifier: focus is never "restored" to ourselves.
+    std::string bundleIdentifier = "com.sprelio.app";
+    // Refreshes the event path's copy of the stored shortcuts.
+    std::function<void()> updateCachedUserShortcuts;
+};
+
+class AppDelegate final : public SharedAppDelegate {
+public:
+    using UserShortcutPtr = std::shared_ptr<store::UserShortcut>;
+    // The closure the shortcut managers call with (start, action, itemId, shortcut).
+    using RecordingShortcutDispatch =
+        std::function<void(bool start, ShortcutAction action, std::optional<std::string> itemId, UserShortcutPtr)>;
+
+    explicit AppDelegate(AppDelegateDependencies dependencies);
+    ~AppDelegate() override;
+    AppDelegate(const AppDelegate&) = delete;
+    AppDelegate& operator=(const AppDelegate&) = delete;
+
+    void updateCachedUserShortcuts() override;
+
+    // Set at the end of launch; until then a press is refused because the application is still launching.
+    void setOverlayScreenController(OverlayScreenController* controller) { overlayScreenController_ = controller; }
+    OverlayScreenController* overlayScreenController() const { return overlayScreenController_; }
+
+    // ---- Shortcut dispatch ----
+    // Posts: the shortcut becomes the active one, then key down (start) or key up, in the same turn. A stop press
+    // thereby decides the action and language of the result.
+    void recordingShortcutDispatch(bool start, ShortcutAction action, std::optional<std::string> itemId,
+                                   UserShortcutPtr shortcut);
+    // The same as a closure, for the shortcut managers.
+    RecordingShortcutDispatch onRecordingShortcut();
+
+    // ---- The session ----
+    void recordingShortcutKeyDown();
+    void recordingShortcutKeyUp();
+    void recordingShortcutKeyUpByTimer();
+    void startRecordingDurationTimer(int minutes);
+    void stopRecordingDurationTimer(const std::string& caller, const std::string& reason);
+    void startRecording(const Uuid& requestID, std::shared_ptr<const Stopwatch> stopwatch);
+    // The state change after the recorder started; continuous speech uses it with its own state.
+    void setupMenuWithRecording(AppActivity state = AppActivity::recording);
+    void handleRecordingCompletion(const std::filesystem::path& url, bool success, const Uuid& requestID,
+                                   ShortcutAction action, std::optional<std::string> itemId);
+    // The evaluation of an upload's answer; may be called from any thread.
+    void evaluateUploadResult(const std::optional<nlohmann::json>& result, const std::optional<Error>& error,
+                              const std::filesystem::path& url, const Uuid& requestID, ShortcutAction action,
+                              const std::optional<std::string>& itemId);
+    // May be called from any thread; off the main loop the whole step is posted.
+    void performPasting(std::string text);
+    void setupMenuWithTranslation();
+    // The one way back to idle.
+    void setupMenuWithMainMenu();
+    void cancelRecordingAndProcessing();
+    void callCancelRecordingAndProcessing();
+
+    // ---- Overlays and focus ----
+    void showOverlay(OverlayType overlayType, bool force = false);
+    void removeOverlay(bool force, bool preserveAppFocus);
+    void capturePreviouslyActiveAppIfNeeded();
+    void restoreFocusToPreviouslyActiveApp();
+
+    // ---- Fields ----
+    AppActivity appStatus() const { return appStatus_; }
+    void setAppStatus(AppActivity status) { appStatus_ = status; }
+    const std::shared_ptr<RecordingAudio>& recordAudio() const { return recordAudio_; }
+    std::optional<pid_t> targetPID() const { return targetPID_; }
+    const std::optional<platform::RunningApplication>& previouslyActiveApp() const { return previouslyActiveApp_; }
+    bool discardCurrentRecording() const { return discardCurrentRecording_; }
+    void setDiscardCurrentRecording(bool discard) { discardCurrentRecording_ = discard; }
+    bool hasRecordingDurationTimer() const { return recordingDurationTimer_ != nullptr; }
+    bool overlayScreenControllerPanelsNeedRefresh() const { return overlayScreenControllerPanelsNeedRefresh_; }
+    void setOverlayScreenControllerPanelsNeedRefresh(bool value) { overlayScreenControllerPanelsNeedRefresh_ = value; }
+    std::optional<OverlayType> lastShownOverlayType() const { return lastShownOverlayType_; }
+
+private:
+    // Posts a task that is dropped when this object is gone by the time it runs.
+    void post(std::function<void()> task);
+    void keyDownMainStep1(const Uuid& requestID);
+    void keyDownMainStep2(const Uuid& requestID, std::shared_ptr<const Stopwatch> stopwatch);
+    void recordingCompleted(const std::filesystem::path& url, bool success, const Uuid& requestID,
+                            std::chrono::system_clock::time_point startDate,
+                            std::chrono::system_clock::time_point endDate);
+    void deliverTranscription(const std::string& text, ShortcutAction action, const std::optional<std::string>& itemId);
+    void pasteOrShowCompletion(const std::string& completion);
+    void logRecordingDurationTimerStopped(const std::string& caller, const std::string& reason);
+    void postHistory(HistoryManagerLogLevel level, std::string message, std::optional<std::filesystem::path> url, const Uuid& requestID);
+    std::string dateText() const;
+
+    AppDelegateDependencies deps_;
+    platform::Platform& platform_;
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+
+    AppActivity appStatus_ = AppActivity::idle;
+    std::shared_ptr<RecordingAudio> recordAudio_;
+    std::optional<pid_t> targetPID_;
+    std::optional<platform::RunningApplication> previouslyActiveApp_;
+    bool discardCurrentRecording_ = false;
+    std::shared_ptr<platform::Timer> recordingDurationTimer_;
+    OverlayScreenController* overlayScreenController_ = nullptr;
+    bool overlayScreenControllerPanelsNeedRefresh_ = false;
+    std::optional<OverlayType> lastShownOverlayType_;
+};
+
+} // namespace sprelio
