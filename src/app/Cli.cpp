@@ -1,0 +1,125 @@
+#include "app/Cli.h"
+
+#include <ostream>
+
+#include "app/AppEnvironment.h"
+#include "core/BuildInfo.h"
+#include "diagnostics/Log.h"
+
+namespace sprelio::app {
+
+namespace {
+
+constexpr const char* kUsage = R"USAGE(Usage: sprelio [COMMAND]
+
+Sprelio is a dictation assistant: hold or tap a hotkey, speak, and the text appears where you type.
+
+Commands:
+  (none)                        start the desktop application
+  settings list                 every setting with its value; "(default)" marks values not set by you
+  settings get KEY              print one setting's value
+  settings set KEY VALUE        change a setting (booleans true/false, lists and dictionaries as JSON)
+  settings remove KEY           remove a setting, so that its default applies again
+  --help, -h                    this text
+  --version, -v                 version and build
+
+Files: settings in $XDG_CONFIG_HOME/Sprelio/settings.json; data and logs in $XDG_DATA_HOME/Sprelio.
+)USAGE";
+
+// Strings print as they are so that scripts can use the output directly; everything else as JSON.
+std::string printable(const nlohmann::json& value) {
+    if (value.is_string()) return value.get<std::string>();
+    if (value.is_null()) return "(none)";
+    return value.dump();
+}
+
+int fail(std::ostream& err, const std::string& message, int code = 1) {
+    err << "sprelio: " << message << "\n";
+    return code;
+}
+
+bool isKnownKey(std::string_view key) {
+    return store::Settings::describe(key) != nullptr || key.starts_with(store::kKeyboardShortcutsPrefix);
+}
+
+int settingsCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+    if (args.size() < 3) return fail(err, "settings: expected list, get KEY, set KEY VALUE or remove KEY", 2);
+    const std::string& verb = args[2];
+    const std::size_t expected = verb == "list" ? 3 : verb == "set" ? 5 : 4;
+    if (verb != "list" && verb != "get" && verb != "set" && verb != "remove")
+        return fail(err, "settings: unknown action \"" + verb + "\" (use list, get, set or remove)", 2);
+    if (args.size() != expected)
+        return fail(err, "settings " + verb + ": wrong number of arguments (see sprelio --help)", 2);
+
+    AppEnvironment env;
+    auto& settings = env.settings();
+    auto& store = env.settingsStore();
+
+    if (verb == "list") {
+        const auto stored = store.dictionaryRepresentation();
+        for (const auto& description : store::Settings::catalogue()) {
+            const bool isSet = stored.contains(description.key);
+            out << description.key << " = " << printable(settings.value(description.key))
+                << (isSet ? "" : " (default)") << "\n";
+        }
+        // Keys that belong to no catalogue entry (hotkeys, keys of newer builds) are shown too: they are the user's.
+        for (const auto& [key, value] : stored) {
+            if (!store::Settings::describe(key)) out << key << " = " << printable(value) << "\n";
+        }
+        return 0;
+    }
+
+    const std::string& key = args[3];
+    if (verb == "get") {
+        if (store::Settings::describe(key)) {
+            out << printable(settings.value(key)) << "\n";
+            return 0;
+        }
+        if (auto value = store.object(key)) {
+            out << printable(*value) << "\n";
+            return 0;
+        }
+        return fail(err, "settings get: unknown setting \"" + key + "\"");
+    }
+    if (!isKnownKey(key)) return fail(err, "settings " + verb + ": unknown setting \"" + key + "\"");
+
+    if (verb == "remove") {
+        store.remove(key);
+        if (!store.lastWriteSucceeded()) return fail(err, "settings remove: could not write " + store.path().string());
+        logInfo("sprelio settings remove - removed " + key);
+        return 0;
+    }
+
+    std::string reason;
+    auto value = store::Settings::parseValue(key, args[4], &reason);
+    if (!value) return fail(err, "settings set: invalid value for \"" + key + "\": " + reason);
+    store.set(key, *value);
+    if (!store.lastWriteSucceeded()) return fail(err, "settings set: could not write " + store.path().string());
+    logInfo("sprelio settings set - changed " + key);
+    return 0;
+}
+
+} // namespace
+
+int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+    if (args.size() <= 1) {
+        // The desktop shell is not part of this build yet; say so rather than exit silently.
+        out << "Sprelio " << build::kVersion
+            << ": the desktop application is not part of this build yet. The command line works:\n\n"
+            << kUsage;
+        return 0;
+    }
+    const std::string& command = args[1];
+    if (command == "--help" || command == "-h" || command == "help") {
+        out << kUsage;
+        return 0;
+    }
+    if (command == "--version" || command == "-v") {
+        out << "Sprelio " << build::kVersion << " (build " << build::kBuild << ")\n";
+        return 0;
+    }
+    if (command == "settings") return settingsCommand(args, out, err);
+    return fail(err, "unknown command \"" + command + "\" (see sprelio --help)", 2);
+}
+
+} // namespace sprelio::app

@@ -1,0 +1,143 @@
+// The `sprelio` binary as a user runs it: a fresh home in a temporary folder, real settings and log files.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string readFile(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+std::string quote(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+class SprelioCli : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "sprelio-cli-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        root_ = pattern;
+    }
+    void TearDown() override { fs::remove_all(root_); }
+
+    Result run(const std::vector<std::string>& args) {
+        std::string cmd = "env -i PATH=/usr/bin:/bin HOME=" + quote(root_.string()) + " " + quote(SPRELIO_BINARY);
+        for (const auto& a : args) cmd += " " + quote(a);
+        cmd += " >" + quote((root_ / "out").string()) + " 2>" + quote((root_ / "err").string());
+        int raw = std::system(cmd.c_str());
+        Result r;
+        r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+        r.out = readFile(root_ / "out");
+        r.err = readFile(root_ / "err");
+        return r;
+    }
+
+    fs::path settingsFile() const { return root_ / ".config/Sprelio/settings.json"; }
+    fs::path logFile() const { return root_ / ".local/share/Sprelio/logs/app_log.txt"; }
+
+    fs::path root_;
+};
+
+} // namespace
+
+TEST_F(SprelioCli, VersionHelpAndBareStartSucceed) {
+    auto v = run({"--version"});
+    EXPECT_EQ(v.status, 0);
+    EXPECT_EQ(v.out.rfind("Sprelio ", 0), 0u) << v.out;
+
+    auto h = run({"--help"});
+    EXPECT_EQ(h.status, 0);
+    EXPECT_NE(h.out.find("settings set KEY VALUE"), std::string::npos);
+
+    auto bare = run({});
+    EXPECT_EQ(bare.status, 0);
+    EXPECT_NE(bare.out.find("desktop application is not part of this build yet"), std::string::npos);
+}
+
+TEST_F(SprelioCli, SettingsRoundTripThroughTheFile) {
+    auto before = run({"settings", "get", "minimumRecordingDuration"});
+    ASSERT_EQ(before.status, 0) << before.err;
+    EXPECT_EQ(before.out, "400\n");
+
+    ASSERT_EQ(run({"settings", "set", "soundEnabled", "true"}).status, 0);
+    ASSERT_EQ(run({"settings", "set", "recordingStartSoundName", "Glass"}).status, 0);
+    EXPECT_EQ(run({"settings", "get", "soundEnabled"}).out, "true\n");
+    EXPECT_EQ(run({"settings", "get", "recordingStartSoundName"}).out, "Glass\n");
+
+    auto list = run({"settings", "list"});
+    ASSERT_EQ(list.status, 0);
+    EXPECT_NE(list.out.find("soundEnabled = true\n"), std::string::npos);
+    EXPECT_NE(list.out.find("tapAndRecordTimeoutMinutes = 10 (default)\n"), std::string::npos);
+
+    struct stat st {};
+    ASSERT_EQ(stat(settingsFile().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    ASSERT_EQ(run({"settings", "remove", "soundEnabled"}).status, 0);
+    EXPECT_EQ(run({"settings", "get", "soundEnabled"}).out, "false\n");
+    // The first start made the data folder and its log.
+    EXPECT_TRUE(fs::exists(logFile()));
+}
+
+TEST_F(SprelioCli, BadInputGivesOneLineErrorAndNonZeroStatus) {
+    auto wrongType = run({"settings", "set", "minimumRecordingDuration", "soon"});
+    EXPECT_NE(wrongType.status, 0);
+    EXPECT_EQ(std::count(wrongType.err.begin(), wrongType.err.end(), '\n'), 1) << wrongType.err;
+    EXPECT_FALSE(fs::exists(settingsFile())) << "a refused value must not be written";
+
+    auto unknown = run({"settings", "set", "noSuchKey", "1"});
+    EXPECT_NE(unknown.status, 0);
+    EXPECT_NE(unknown.err.find("unknown setting"), std::string::npos);
+
+    auto missingArg = run({"settings", "set", "soundEnabled"});
+    EXPECT_NE(missingArg.status, 0);
+
+    auto command = run({"frobnicate"});
+    EXPECT_NE(command.status, 0);
+    EXPECT_EQ(std::count(command.err.begin(), command.err.end(), '\n'), 1);
+}
+
+TEST_F(SprelioCli, CorruptSettingsFileIsKeptAsideAndDefaultsApply) {
+    fs::create_directories(settingsFile().parent_path());
+    const std::string garbage = "{\"soundEnabled\": tru";
+    std::ofstream(settingsFile()) << garbage;
+
+    auto r = run({"settings", "get", "soundEnabled"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "false\n");
+
+    bool keptAside = false;
+    for (const auto& entry : fs::directory_iterator(settingsFile().parent_path())) {
+        if (entry.path().filename().string().starts_with("settings.json.corrupt-")) {
+            keptAside = true;
+            EXPECT_EQ(readFile(entry.path()), garbage);
+        }
+    }
+    EXPECT_TRUE(keptAside);
+    EXPECT_NE(readFile(logFile()).find("[ERROR]: JsonFileSettingsStore.load()"), std::string::npos);
+
+    // Writing afterwards makes a fresh, valid file.
+    ASSERT_EQ(run({"settings", "set", "soundEnabled", "true"}).status, 0);
+    EXPECT_EQ(run({"settings", "get", "soundEnabled"}).out, "true\n");
+}
