@@ -1,13 +1,11 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, running and testing Sprelio need. Safe to run again:
-# when everything is present it changes nothing and asks apt nothing.
+# Installs the Debian packages that building, running and testing Sprelio need, as listed in scripts/deps/*.txt
+# (one file per area; '#' starts a comment). Safe to run again: when everything is present it changes nothing
+# and asks apt nothing.
 set -euo pipefail
+cd "$(dirname "$0")"
 
-packages=(
-  build-essential cmake ninja-build pkg-config
-  libsqlite3-dev sqlite3 nlohmann-json3-dev libzip-dev unzip libicu-dev
-  libgtest-dev libgmock-dev googletest libbenchmark-dev
-)
+mapfile -t packages < <(sed -e 's/#.*//' deps/*.txt | tr -s ' \t' '\n' | sed '/^$/d' | sort -u)
 
 missing=()
 for p in "${packages[@]}"; do
