@@ -9,27 +9,24 @@ namespace sprelio {
 bool cdSaveContext(store::ManagedObjectContext* context, const std::string& caller) {
     const std::string prefix = "cdSaveContext() - caller: " + caller;
 
-    // 1.
     if (!context) {
         logError(prefix + " - error: NSManagedObjectContext == nil");
         return false;
     }
-    // 2.
     if (!context->hasChanges()) {
         logInfo(prefix + " - no changes to save");
         return true;
     }
-    // 3.
     const auto inserted = context->insertedObjects();
     const auto updated = context->updatedObjects();
     logInfo(prefix + " - about to save context with " + std::to_string(inserted.size()) + " inserted, " +
             std::to_string(updated.size()) + " updated, " + std::to_string(context->deletedObjects().size()) +
             " deleted objects");
 
-    // 4. The rest runs inside the context's block, synchronously for the caller.
+    // The rest runs inside the context's block, synchronously for the caller.
     bool result = false;
     context->performBlockAndWait([&] {
-        // 5. Report only.
+        // Report only.
         for (const auto& object : inserted) {
             if (object->isDeleted())
                 logWarning(prefix + " - found deleted object in insertedObjects: " + object->description());
@@ -39,7 +36,7 @@ bool cdSaveContext(store::ManagedObjectContext* context, const std::string& call
                 logWarning(prefix + " - found deleted object in updatedObjects: " + object->description());
         }
 
-        // 6. Every registered object, not only the changed ones; every failure is logged.
+        // Every registered object, not only the changed ones; every failure is logged.
         bool valid = true;
         context->forEachRegisteredObject([&](store::ManagedObject& object) {
             if (auto error = object.validateForUpdate()) {
@@ -48,18 +45,15 @@ bool cdSaveContext(store::ManagedObjectContext* context, const std::string& call
                 valid = false;
             }
         });
-        // 7.
         if (!valid) {
             logError(prefix + " - aborting save due to validation errors");
             result = false;
             return;
         }
 
-        // 8.
         try {
             context->save();
         } catch (const store::StoreError& storeError) {
-            // 10.
             const auto& error = storeError.error();
             logError(prefix + " - save failed with NSError: " + error.localizedDescription +
                      ", userInfo: " + store::describeUserInfo(error.userInfo));
@@ -72,7 +66,6 @@ bool cdSaveContext(store::ManagedObjectContext* context, const std::string& call
             result = false;
             return;
         } catch (const std::exception& e) {
-            // 9.
             logError(prefix + " - save failed with error: " + e.what());
             result = false;
             return;

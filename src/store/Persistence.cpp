@@ -73,20 +73,18 @@ std::unique_ptr<ManagedObjectContext> PersistentContainer::newBackgroundContext(
 // MARK: PersistenceController
 
 PersistenceController::PersistenceController(const std::filesystem::path& supportFolder, bool inMemory) {
-    // 1. The container "Persistence", its store in the support folder.
     container_ = std::make_unique<PersistentContainer>(kModelName, supportFolder / kStoreFileName);
-    // 2. In memory: the store's URL is "/dev/null".
     if (inMemory) container_->setStoreFile(PersistentContainer::kInMemoryStoreFile);
-    // 3. Load; an error is fatal, with no recovery, deletion or retry.
+    // Without its store the application has nothing to work with: no recovery, deletion or retry.
     if (auto error = container_->loadPersistentStores()) {
         fatal("Unresolved error " + error->error().debugDescription() + ", " +
               describeUserInfo(error->error().userInfo));
     }
     auto& viewContext = container_->viewContext();
-    // 4. and 5.
+    // In-memory changes win over the store's values when both changed.
     viewContext.automaticallyMergesChangesFromParent = true;
     viewContext.mergePolicy = MergePolicy::mergeByPropertyObjectTrump;
-    // 6. Repair what older builds left behind.
+    // Repair what older builds left behind before anything reads the shortcuts.
     validateAndRepairUserShortcuts(viewContext);
 }
 
