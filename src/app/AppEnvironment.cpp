@@ -18,6 +18,12 @@ AppEnvironment::AppEnvironment()
       settingsStore_(constants_.settingsFile()),
       settings_(settingsStore_, constants_) {}
 
+store::PersistenceController& AppEnvironment::persistence() {
+    if (!store::PersistenceController::isInstalled())
+        return store::PersistenceController::install(constants_.appSupportFolder());
+    return store::PersistenceController::shared();
+}
+
 AppEnvironment::~AppEnvironment() {
     setLogSink(nullptr);
     logManager_.reset(); // drains what is queued before the process ends

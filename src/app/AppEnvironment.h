@@ -9,6 +9,7 @@
 #include "platform/linux/XdgFolders.h"
 #include "store/AppConstants.h"
 #include "store/JsonFileSettingsStore.h"
+#include "store/Persistence.h"
 #include "store/Settings.h"
 
 namespace sprelio::app {
@@ -25,6 +26,9 @@ public:
     LogManager& logManager() { return *logManager_; }
     store::JsonFileSettingsStore& settingsStore() { return settingsStore_; }
     store::Settings& settings() { return settings_; }
+    const platform::Clock& clock() const { return clock_; }
+    // The store, opened in the support folder on first use (commands that don't need it don't open it).
+    store::PersistenceController& persistence();
 
 private:
     platform::XdgFolders folders_;

@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "app/AppEnvironment.h"
+#include "app/SubstitutionCommands.h"
 #include "core/BuildInfo.h"
 #include "diagnostics/Log.h"
 
@@ -20,6 +21,10 @@ Commands:
   settings get KEY              print one setting's value
   settings set KEY VALUE        change a setting (booleans true/false, lists and dictionaries as JSON)
   settings remove KEY           remove a setting, so that its default applies again
+  substitute TEXT               print TEXT after the stored substitution rules
+  substitutions list            the stored rules, one per line: INPUT, a tab, OUTPUT, in the order they apply
+  substitutions add INPUT OUTPUT  add a rule (whole words, any letter case; the case of the match is kept)
+  substitutions remove INPUT    remove the rules with exactly this INPUT
   --help, -h                    this text
   --version, -v                 version and build
 
@@ -119,6 +124,7 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
         return 0;
     }
     if (command == "settings") return settingsCommand(args, out, err);
+    if (command == "substitute" || command == "substitutions") return substitutionCommand(args, out, err);
     return fail(err, "unknown command \"" + command + "\" (see sprelio --help)", 2);
 }
 

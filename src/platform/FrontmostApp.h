@@ -9,6 +9,8 @@ struct RunningApplication {
     pid_t processIdentifier = 0;
     std::string bundleIdentifier;           // empty when unknown
     std::optional<std::string> localizedName;
+    // Title of the application's focused window, when the platform can read it.
+    std::optional<std::string> windowTitle = std::nullopt;
     std::string description() const;
 };
 
