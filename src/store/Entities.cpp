@@ -108,6 +108,11 @@ const EntityDescription* entityNamed(std::string_view name) {
 
 // MARK: UserShortcut
 
+UserShortcut::UserShortcut() : ManagedObject(userShortcutEntity()) {
+    setModifierEventKeyCode(-1);
+    setMouseEventMouseButton(-1);
+}
+
 std::optional<Uuid> UserShortcut::uuid() const { return uuidFrom(stringAt(us::uuid)); }
 void UserShortcut::setUuid(std::optional<Uuid> value) { setStringAt(us::uuid, uuidText(value)); }
 std::int64_t UserShortcut::order() const { return integerAt(us::order); }

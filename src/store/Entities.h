@@ -24,7 +24,8 @@ const EntityDescription* entityNamed(std::string_view name);
 class UserShortcut : public ManagedObject {
 public:
     static constexpr const char* kEntityName = "UserShortcut";
-    UserShortcut() : ManagedObject(userShortcutEntity()) {}
+    // A new shortcut is bound to no single key and no mouse button: -1, never key code 0 ("A") or button 0.
+    UserShortcut();
 
     std::optional<Uuid> uuid() const;
     void setUuid(std::optional<Uuid> value);

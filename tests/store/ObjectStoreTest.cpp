@@ -77,6 +77,9 @@ TEST(ObjectStoreModel, EntitiesHaveTheModelsAttributeNamesAndTypes) {
 TEST(ObjectStoreModel, NewObjectsHaveZeroNumbersFalseBooleansAndNilElse) {
     UserShortcut s;
     EXPECT_EQ(s.order(), 0);
+    // "No key" and "no button" are -1: zero would be the key "A" and the left button.
+    EXPECT_EQ(s.modifierEventKeyCode(), -1);
+    EXPECT_EQ(s.mouseEventMouseButton(), -1);
     EXPECT_FALSE(s.hold());
     EXPECT_FALSE(s.uuid());
     EXPECT_FALSE(s.timestamp());
@@ -255,6 +258,20 @@ TEST_F(ObjectStoreTest, AnUnknownShortcutActionSurvivesStoring) {
     ASSERT_EQ(shortcuts.size(), 1u);
     EXPECT_EQ(shortcuts[0]->shortcutActionRawValue(), std::optional<std::string>("someActionOfANewerBuild"));
     EXPECT_EQ(shortcuts[0]->intelligenceActionCompletionType(), std::optional<std::string>("dialog"));
+}
+
+TEST_F(ObjectStoreTest, ANewShortcutIsStoredWithoutKeyAndButton) {
+    {
+        PersistenceController controller(folder.path());
+        auto& context = controller.container().viewContext();
+        context.insertNew<UserShortcut>()->setShortcutString("⌃⌥D");
+        context.save();
+    }
+    PersistenceController reopened(folder.path());
+    auto all = reopened.container().viewContext().fetchAll<UserShortcut>();
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0]->modifierEventKeyCode(), -1);
+    EXPECT_EQ(all[0]->mouseEventMouseButton(), -1);
 }
 
 TEST_F(ObjectStoreTest, HoldIsFalseAfterSwitchingToVoiceToDialog) {
