@@ -80,7 +80,12 @@ bool post(platform::RealTimeLoop& loop, platform::CurlHttpClient& client, const 
 
 } // namespace
 
-int main() {
+// In UploadRecordingBench.cpp.
+int runUploadRecordingBench();
+
+int main(int argc, char** argv) {
+    // "--upload": only the recording upload's figures, without the transport's 1 GB run.
+    if (argc > 1 && std::string(argv[1]) == "--upload") return runUploadRecordingBench();
     platform::RealTimeLoop loop;
     ScriptedServer server;
     platform::CurlHttpClient client(loop);
@@ -140,5 +145,5 @@ int main() {
                 percentile(toFirstByte, 0.95));
     std::printf("  last answer byte -> completion on the loop: p50 %.0f us, p95 %.0f us\n",
                 percentile(toCompletion, 0.5), percentile(toCompletion, 0.95));
-    return 0;
+    return runUploadRecordingBench();
 }

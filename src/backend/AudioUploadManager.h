@@ -16,7 +16,8 @@ namespace sprelio {
 
 class AudioUploadManager {
 public:
-    // Runs once per upload. A cancelled upload ends without calling it with anything the user sees.
+    // Runs once for a plain answer; a streamed answer calls it for its TEXT line and again for its COMPLETION
+    // line. A cancelled upload ends without calling it with anything the user sees.
     using Completion = std::function<void(std::optional<nlohmann::json> result, std::optional<Error> error)>;
 
     virtual ~AudioUploadManager() = default;
