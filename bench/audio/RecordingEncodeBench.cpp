@@ -48,7 +48,11 @@ std::vector<float> speechLike(size_t frames) {
 
 } // namespace
 
-int main() {
+int runCaptureBench(); // CaptureBench.cpp
+
+int main(int argc, char** argv) {
+    // `bench_audio capture`: the capture path against a private PulseAudio daemon.
+    if (argc > 1 && std::string(argv[1]) == "capture") return runCaptureBench();
     const int minutes = 2;
     const auto signal = speechLike(size_t(16000) * 60 * minutes);
     char pattern[] = "/tmp/sprelio-audio-bench-XXXXXX";

@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "app/AppEnvironment.h"
+#include "app/AudioCommands.h"
 #include "app/SubstitutionCommands.h"
 #include "core/BuildInfo.h"
 #include "diagnostics/Log.h"
@@ -25,6 +26,10 @@ Commands:
   substitutions list            the stored rules, one per line: INPUT, a tab, OUTPUT, in the order they apply
   substitutions add INPUT OUTPUT  add a rule (whole words, any letter case; the case of the match is kept)
   substitutions remove INPUT    remove the rules with exactly this INPUT
+  devices                       the microphones: "*" marks the default input, then id, transport and name
+  record --seconds N [--output PATH] [--device ID]
+                                record N seconds from the default input (or device ID, which becomes the
+                                default) and print the file's path; default path in the recordings folder
   --help, -h                    this text
   --version, -v                 version and build
 
@@ -125,6 +130,7 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
     }
     if (command == "settings") return settingsCommand(args, out, err);
     if (command == "substitute" || command == "substitutions") return substitutionCommand(args, out, err);
+    if (command == "devices" || command == "record") return audioCommand(args, out, err);
     return fail(err, "unknown command \"" + command + "\" (see sprelio --help)", 2);
 }
 

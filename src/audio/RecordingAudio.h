@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "core/Uuid.h"
@@ -35,6 +36,12 @@ public:
     // Both return at once; the work runs off the main loop.
     virtual void record(const Uuid& requestID, std::shared_ptr<const Stopwatch> stopwatch) = 0;
     virtual void stop() = 0;
+    // Stops like stop(); the file stays and the completion still runs: dropping the result is the caller's part.
+    virtual void stopAndDiscard() { stop(); }
+    // Level since the last read of the same value, in dBFS from -160 to 0; nothing without a running recorder.
+    virtual std::optional<float> averagePower() { return std::nullopt; }
+    virtual std::optional<float> peakPower() { return std::nullopt; }
+    virtual bool isRecording() const { return false; }
 };
 
 class RecordingAudioFactory {
