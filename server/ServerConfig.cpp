@@ -1,0 +1,191 @@
+#include "server/ServerConfig.h"
+
+#include <openssl/sha.h>
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+namespace sprelio::server {
+
+std::filesystem::path ServerConfig::effectiveTokenFile() const {
+    return tokenFile.empty() ? dataFolder / "local-token" : tokenFile;
+}
+
+std::filesystem::path defaultServerDataFolder() {
+    if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) return std::filesystem::path(xdg) / "sprelio-server";
+    if (const char* home = std::getenv("HOME"); home && *home)
+        return std::filesystem::path(home) / ".local" / "share" / "sprelio-server";
+    return std::filesystem::current_path() / "sprelio-server-data";
+}
+
+std::string uuidFromText(const std::string& text) {
+    unsigned char digest[SHA256_DIGEST_LENGTH];
+    SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);
+    // Name-based layout: version 5 bits, RFC 4122 variant.
+    digest[6] = static_cast<unsigned char>((digest[6] & 0x0F) | 0x50);
+    digest[8] = static_cast<unsigned char>((digest[8] & 0x3F) | 0x80);
+    std::string out;
+    char buf[3];
+    for (int i = 0; i < 16; ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) out += '-';
+        std::snprintf(buf, sizeof buf, "%02X", digest[i]);
+        out += buf;
+    }
+    return out;
+}
+
+namespace {
+
+template <typename T> bool parseNumber(const std::string& text, T& out) {
+    T value{};
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size()) return false;
+    out = value;
+    return true;
+}
+
+bool parsePeer(const std::string& text, PeerBackend& peer) {
+    auto eq = text.find('=');
+    if (eq == std::string::npos || eq == 0 || eq + 1 == text.size()) return false;
+    peer.name = text.substr(0, eq);
+    peer.url = text.substr(eq + 1);
+    peer.uuid = uuidFromText(peer.url);
+    return true;
+}
+
+} // namespace
+
+std::string serverUsage() {
+    return "Usage: sprelio-server [options]\n"
+           "  --config FILE        JSON configuration (command-line options override it)\n"
+           "  --host HOST          listen address (default 127.0.0.1)\n"
+           "  --port N             listen port, 0 for any free port (default 8765)\n"
+           "  --data DIR           data folder: accounts database and local token\n"
+           "  --public-url URL     URL announced to clients (default http://HOST:PORT)\n"
+           "  --name NAME          name announced to clients\n"
+           "  --peer NAME=URL      another transcription backend to announce (repeatable)\n"
+           "  --engine NAME        transcription engine (pocketsphinx)\n"
+           "  --model DIR          pocketsphinx model folder\n"
+           "  --slots N            transcriptions at once (default 2)\n"
+           "  --threads N          HTTP worker threads (default 8)\n"
+           "  --max-upload-mb N    largest accepted request body (default 100)\n"
+           "  --token-file PATH    where the local account's token is written (default DATA/local-token)\n";
+}
+
+bool applyServerConfigJson(const std::string& jsonText, ServerConfig& config, std::string& error) {
+    auto json = nlohmann::json::parse(jsonText, nullptr, false);
+    if (json.is_discarded() || !json.is_object()) {
+        error = "the configuration is not a JSON object";
+        return false;
+    }
+    try {
+        for (auto& [key, value] : json.items()) {
+            if (key == "host") config.host = value.get<std::string>();
+            else if (key == "port") config.port = value.get<int>();
+            else if (key == "dataFolder") config.dataFolder = value.get<std::string>();
+            else if (key == "publicUrl") config.publicUrl = value.get<std::string>();
+            else if (key == "name") config.name = value.get<std::string>();
+            else if (key == "engine") config.engine = value.get<std::string>();
+            else if (key == "modelFolder") config.modelFolder = value.get<std::string>();
+            else if (key == "engineSlots") config.engineSlots = value.get<std::size_t>();
+            else if (key == "workerThreads") config.workerThreads = value.get<std::size_t>();
+            else if (key == "maxQueuedConnections") config.maxQueuedConnections = value.get<std::size_t>();
+            else if (key == "maxUploadBytes") config.maxUploadBytes = value.get<std::size_t>();
+            else if (key == "maxAudioSeconds") config.maxAudioSeconds = value.get<double>();
+            else if (key == "tokenFile") config.tokenFile = value.get<std::string>();
+            else if (key == "peers") {
+                config.peers.clear();
+                for (const auto& item : value) {
+                    PeerBackend peer;
+                    peer.name = item.at("name").get<std::string>();
+                    peer.url = item.at("url").get<std::string>();
+                    peer.uuid = item.contains("uuid") ? item.at("uuid").get<std::string>() : uuidFromText(peer.url);
+                    config.peers.push_back(std::move(peer));
+                }
+            } else {
+                error = "unknown configuration key '" + key + "'";
+                return false;
+            }
+        }
+    } catch (const nlohmann::json::exception& e) {
+        error = std::string("bad configuration value: ") + e.what();
+        return false;
+    }
+    return true;
+}
+
+ConfigParseResult parseServerCommandLine(int argc, const char* const* argv) {
+    ConfigParseResult result;
+    ServerConfig config;
+    config.dataFolder = defaultServerDataFolder();
+
+    // The file comes first whatever its place among the flags, so that flags override it.
+    for (int i = 1; i + 1 < argc; ++i) {
+        if (std::string(argv[i]) == "--config") {
+            std::ifstream in(argv[i + 1], std::ios::binary);
+            if (!in) {
+                result.error = std::string("cannot read the configuration file ") + argv[i + 1];
+                return result;
+            }
+            std::stringstream text;
+            text << in.rdbuf();
+            if (!applyServerConfigJson(text.str(), config, result.error)) {
+                result.error = std::string(argv[i + 1]) + ": " + result.error;
+                return result;
+            }
+        }
+    }
+
+    bool peersFromFlags = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string flag = argv[i];
+        if (flag == "--help" || flag == "-h") {
+            result.help = true;
+            return result;
+        }
+        if (i + 1 >= argc) {
+            result.error = "missing value after " + flag;
+            return result;
+        }
+        std::string value = argv[++i];
+        bool ok = true;
+        std::size_t megabytes = 0;
+        if (flag == "--config") continue;
+        else if (flag == "--host") config.host = value;
+        else if (flag == "--port") ok = parseNumber(value, config.port) && config.port >= 0 && config.port <= 65535;
+        else if (flag == "--data") config.dataFolder = value;
+        else if (flag == "--public-url") config.publicUrl = value;
+        else if (flag == "--name") config.name = value;
+        else if (flag == "--engine") config.engine = value;
+        else if (flag == "--model") config.modelFolder = value;
+        else if (flag == "--slots") ok = parseNumber(value, config.engineSlots) && config.engineSlots > 0;
+        else if (flag == "--threads") ok = parseNumber(value, config.workerThreads) && config.workerThreads > 0;
+        else if (flag == "--token-file") config.tokenFile = value;
+        else if (flag == "--max-upload-mb") {
+            ok = parseNumber(value, megabytes) && megabytes > 0;
+            config.maxUploadBytes = megabytes * 1024 * 1024;
+        } else if (flag == "--peer") {
+            if (!peersFromFlags) config.peers.clear();
+            peersFromFlags = true;
+            PeerBackend peer;
+            ok = parsePeer(value, peer);
+            if (ok) config.peers.push_back(std::move(peer));
+        } else {
+            result.error = "unknown option " + flag;
+            return result;
+        }
+        if (!ok) {
+            result.error = "bad value for " + flag + ": " + value;
+            return result;
+        }
+    }
+    result.config = std::move(config);
+    return result;
+}
+
+} // namespace sprelio::server

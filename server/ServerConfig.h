@@ -1,0 +1,69 @@
+#pragma once
+// What one sprelio-server is: where it listens, where it keeps its data, which engine it runs and which peers it
+// names to its clients. Read from the command line and/or a JSON file (the command line wins).
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sprelio::server {
+
+// Another transcription backend this server names in its `balancers` list, after itself.
+struct PeerBackend {
+    std::string name;
+    std::string url;
+    std::string uuid; // derived from the URL when the configuration leaves it out
+};
+
+struct ServerConfig {
+    std::string host = "127.0.0.1";
+    int port = 8765; // 0: any free port, see BackendServer::port()
+    std::filesystem::path dataFolder;
+    // The URL clients are told to use for this server; empty: "http://" + host + ":" + bound port.
+    std::string publicUrl;
+    std::string name = "sprelio-server";
+    std::vector<PeerBackend> peers;
+
+    std::string engine = "pocketsphinx";
+    std::filesystem::path modelFolder = "/usr/share/pocketsphinx/model/en-us";
+    // Transcriptions that may run at once; one more is answered with "NoOnlineFarms".
+    std::size_t engineSlots = 2;
+
+    std::size_t workerThreads = 8;
+    // Accepted connections waiting for a worker; beyond this the accepting thread waits and the kernel queues.
+    std::size_t maxQueuedConnections = 64;
+    std::size_t maxUploadBytes = 100 * 1024 * 1024;
+    // Decoded audio beyond this is refused rather than held in memory.
+    double maxAudioSeconds = 3 * 60 * 60;
+    int keepAliveSeconds = 2;
+    int readTimeoutSeconds = 30;
+
+    // Where the token of the local account is written (mode 0600); empty: dataFolder / "local-token".
+    std::filesystem::path tokenFile;
+
+    std::filesystem::path effectiveTokenFile() const;
+};
+
+// $XDG_DATA_HOME/sprelio-server, else ~/.local/share/sprelio-server.
+std::filesystem::path defaultServerDataFolder();
+
+struct ConfigParseResult {
+    std::optional<ServerConfig> config;
+    std::string error;     // set when config is empty and help is false
+    bool help = false;     // --help was given
+};
+
+// Flags: --config FILE, --host H, --port N, --data DIR, --public-url URL, --name NAME, --peer NAME=URL (repeatable),
+// --engine NAME, --model DIR, --slots N, --threads N, --max-upload-mb N, --token-file PATH.
+ConfigParseResult parseServerCommandLine(int argc, const char* const* argv);
+// Keys of the JSON file: host, port, dataFolder, publicUrl, name, peers [{name, url, uuid?}], engine, modelFolder,
+// engineSlots, workerThreads, maxQueuedConnections, maxUploadBytes, maxAudioSeconds, tokenFile. Unknown keys are
+// an error, so that a misspelt key never silently leaves a default in force.
+bool applyServerConfigJson(const std::string& jsonText, ServerConfig& config, std::string& error);
+std::string serverUsage();
+
+// A stable UUID text (upper case) for a peer that has none configured.
+std::string uuidFromText(const std::string& text);
+
+} // namespace sprelio::server

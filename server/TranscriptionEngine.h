@@ -1,0 +1,41 @@
+#pragma once
+// A speech recogniser behind the server. One instance serves one request at a time; the server keeps as many
+// instances as it has slots (EngineSlots).
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace sprelio::server {
+
+struct Transcript {
+    std::string text;
+    std::string language; // the code answered as `language`
+};
+
+// What the server knows of an engine before any instance exists: it answers requests it can't serve at once.
+struct EngineDescription {
+    std::string name;
+    std::vector<std::string> languages; // primary language subtags, lower case ("en")
+    bool diarization = false;
+};
+
+class EngineError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class TranscriptionEngine {
+public:
+    virtual ~TranscriptionEngine() = default;
+    // 16 kHz mono samples; `language` is one of the description's languages. Throws EngineError.
+    virtual Transcript transcribe(std::span<const std::int16_t> samples, const std::string& language) = 0;
+};
+
+// Makes one instance; may be slow (a model is loaded). Throws EngineError when the engine can't start.
+using EngineFactory = std::function<std::unique_ptr<TranscriptionEngine>()>;
+
+} // namespace sprelio::server

@@ -1,0 +1,102 @@
+#include "ServerTestSupport.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace sprelio::server::test {
+
+TempFolder::TempFolder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "sprelio-server-test-XXXXXX").string();
+    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+}
+
+TempFolder::~TempFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+ServerConfig loopbackConfig(const std::filesystem::path& dataFolder) {
+    ServerConfig config;
+    config.host = "127.0.0.1";
+    config.port = 0;
+    config.dataFolder = dataFolder;
+    config.workerThreads = 4;
+    return config;
+}
+
+bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return condition();
+}
+
+std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::filesystem::path speak(const std::string& sentence, const std::filesystem::path& folder, const std::string& name) {
+    auto textFile = folder / (name + ".txt");
+    auto wavFile = folder / (name + ".wav");
+    std::ofstream(textFile) << sentence << "\n";
+    std::string command = "text2wave -eval '(voice_cmu_us_slt_arctic_hts)' -o '" + wavFile.string() + "' '" +
+                          textFile.string() + "' >/dev/null 2>&1";
+    if (std::system(command.c_str()) != 0 || !std::filesystem::exists(wavFile)) return {};
+    return wavFile;
+}
+
+namespace {
+std::vector<std::string> words(const std::string& text) {
+    std::vector<std::string> out;
+    std::string current;
+    for (char c : text) {
+        if (std::isalnum(static_cast<unsigned char>(c)) || c == '\'') {
+            current += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        } else if (!current.empty()) {
+            out.push_back(std::move(current));
+            current.clear();
+        }
+    }
+    if (!current.empty()) out.push_back(current);
+    return out;
+}
+} // namespace
+
+double wordAccuracy(const std::string& reference, const std::string& hypothesis) {
+    auto ref = words(reference);
+    auto hyp = words(hypothesis);
+    if (ref.empty()) return hyp.empty() ? 1.0 : 0.0;
+    std::vector<std::size_t> row(hyp.size() + 1);
+    for (std::size_t j = 0; j <= hyp.size(); ++j) row[j] = j;
+    for (std::size_t i = 1; i <= ref.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= hyp.size(); ++j) {
+            std::size_t above = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (ref[i - 1] == hyp[j - 1] ? 0 : 1)});
+            diagonal = above;
+        }
+    }
+    return 1.0 - static_cast<double>(row[hyp.size()]) / static_cast<double>(ref.size());
+}
+
+httplib::Result postTranscribe(httplib::Client& client, const std::string& token, const Upload& upload,
+                               const std::string& query) {
+    httplib::MultipartFormDataItems items{{"file", upload.bytes, upload.fileName, "application/octet-stream"}};
+    if (upload.aiJson) items.push_back({"ai", *upload.aiJson, "", "application/json"});
+    httplib::Headers headers{{"Authorization", "Bearer " + token}};
+    return client.Post(("/transcribe" + query).c_str(), headers, items);
+}
+
+} // namespace sprelio::server::test

@@ -1,0 +1,52 @@
+#pragma once
+// Shared pieces of the server tests: a temporary data folder, a server started on a free loopback port and
+// stopped even when a test fails, speech made by festival, and word accuracy.
+#include <httplib.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "server/BackendServer.h"
+
+namespace sprelio::server::test {
+
+class TempFolder {
+public:
+    TempFolder();
+    ~TempFolder();
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+ServerConfig loopbackConfig(const std::filesystem::path& dataFolder);
+
+// Polls `condition` until it holds or `timeout` passes; returns whether it held.
+bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+std::string readFile(const std::filesystem::path& path);
+
+// A WAV file of `sentence` spoken by festival's US English voice; empty path when festival fails.
+std::filesystem::path speak(const std::string& sentence, const std::filesystem::path& folder, const std::string& name);
+
+// 1 - (word edit distance / reference words), after lower-casing and dropping punctuation.
+double wordAccuracy(const std::string& reference, const std::string& hypothesis);
+
+struct Upload {
+    std::string fileName;
+    std::string bytes;
+    std::optional<std::string> aiJson;
+};
+
+httplib::Result postTranscribe(httplib::Client& client, const std::string& token, const Upload& upload,
+                               const std::string& query = "?app=linux-0.1.0&languages=en&os=Linux&diarization=false");
+
+} // namespace sprelio::server::test
