@@ -1,0 +1,80 @@
+#include "app/ApiEndpoint.h"
+
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+
+#include "diagnostics/Log.h"
+#include "server/BackendServer.h"
+#include "store/AppConstants.h"
+#include "store/Settings.h"
+
+namespace sprelio::app {
+
+std::unique_ptr<ApiEndpoint> ApiEndpoint::resolve(store::Settings& settings, const store::AppConstants& constants,
+                                                  std::string& error) {
+    std::unique_ptr<ApiEndpoint> endpoint(new ApiEndpoint());
+    std::string value = settings.apiBaseURL();
+    if (const char* variable = std::getenv(kApiBaseURLVariable); variable && *variable) value = variable;
+    if (value != kEmbeddedApi) {
+        while (!value.empty() && value.back() == '/') value.pop_back();
+        endpoint->baseURL_ = value;
+        logInfo("ApiEndpoint.resolve() - apiBaseURL: " + value);
+        return endpoint;
+    }
+    server::ServerConfig config;
+    config.host = "127.0.0.1";
+    config.port = 0;
+    config.dataFolder = constants.appSupportFolder() / "server";
+    try {
+        endpoint->server_ = std::make_unique<server::BackendServer>(config);
+        endpoint->server_->start();
+    } catch (const std::exception& e) {
+        error = std::string("the embedded server could not start: ") + e.what();
+        logError("ApiEndpoint.resolve() - " + error);
+        return nullptr;
+    }
+    endpoint->baseURL_ = endpoint->server_->url();
+    // The local account is the only account of the embedded server: its token is the one to send.
+    if (settings.token() != endpoint->server_->localAccount().token) {
+        settings.setToken(endpoint->server_->localAccount().token);
+    }
+    logInfo("ApiEndpoint.resolve() - embedded server at " + endpoint->baseURL_);
+    return endpoint;
+}
+
+ApiEndpoint::~ApiEndpoint() {
+    if (server_) server_->stop();
+}
+
+namespace {
+std::string firstLine(const char* path) {
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    while (!line.empty() && (line.back() == '\n' || line.back() == ' ' || line.back() == '\r')) line.pop_back();
+    return line;
+}
+} // namespace
+
+std::string machineIdentity() {
+    std::string id = firstLine("/etc/machine-id");
+    if (id.empty()) id = firstLine("/var/lib/dbus/machine-id");
+    return id;
+}
+
+std::string localeRegion() {
+    for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+        const char* value = std::getenv(name);
+        if (!value || !*value) continue;
+        std::string text = value;
+        const auto underscore = text.find('_');
+        if (underscore == std::string::npos) continue;
+        const auto end = text.find_first_of(".@", underscore);
+        std::string region = text.substr(underscore + 1, end == std::string::npos ? std::string::npos : end - underscore - 1);
+        if (!region.empty()) return region;
+    }
+    return "??";
+}
+
+} // namespace sprelio::app

@@ -1,0 +1,49 @@
+#pragma once
+// Where the account API lives for this process: the setting "apiBaseURL", overridden by SPRELIO_API_BASE_URL.
+// "embedded" runs the bundled server in this process on loopback, with its local account.
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace sprelio {
+namespace store {
+class AppConstants;
+class Settings;
+} // namespace store
+namespace server {
+class BackendServer;
+}
+
+namespace app {
+
+inline constexpr const char* kEmbeddedApi = "embedded";
+inline constexpr const char* kApiBaseURLVariable = "SPRELIO_API_BASE_URL";
+
+class ApiEndpoint {
+public:
+    // Starts the embedded server when asked for; its token becomes the stored token. An error text when the
+    // server can't start.
+    static std::unique_ptr<ApiEndpoint> resolve(store::Settings& settings, const store::AppConstants& constants,
+                                                 std::string& error);
+    ~ApiEndpoint();
+    ApiEndpoint(const ApiEndpoint&) = delete;
+    ApiEndpoint& operator=(const ApiEndpoint&) = delete;
+
+    // Without a trailing slash.
+    const std::string& baseURL() const { return baseURL_; }
+    bool isEmbedded() const { return server_ != nullptr; }
+
+private:
+    ApiEndpoint() = default;
+    std::string baseURL_;
+    std::unique_ptr<server::BackendServer> server_;
+};
+
+// The contents of /etc/machine-id (else the D-Bus machine id), trimmed; "" when neither can be read.
+std::string machineIdentity();
+// The region of the first locale variable that names one ("de_AT.UTF-8" gives "AT"), else "??".
+std::string localeRegion();
+
+} // namespace app
+} // namespace sprelio
