@@ -206,6 +206,19 @@ void AccountStore::countRequest(std::int64_t accountId) {
     stmt.step();
 }
 
+Account AccountStore::accountForEmail(const std::string& email) {
+    std::lock_guard lock(mutex_);
+    constexpr const char* kSelect = "SELECT id, guid, email, requests FROM users WHERE email = ?";
+    if (auto found = accountWhere(kSelect, email, 0)) return *found;
+    Statement insert(db_, "INSERT INTO users (guid, email, is_local, created_at) VALUES (?, ?, 0, ?)");
+    insert.bind(1, Uuid::random().string());
+    insert.bind(2, email);
+    insert.bind(3, nowSeconds());
+    insert.step();
+    log(LogLevel::info, "AccountStore.accountForEmail() - created an account on its first sign-in");
+    return *accountWhere("SELECT id, guid, email, requests FROM users WHERE id = ?", {}, sqlite3_last_insert_rowid(db_));
+}
+
 std::optional<Account> AccountStore::account(std::int64_t accountId) {
     std::lock_guard lock(mutex_);
     return accountWhere("SELECT id, guid, email, requests FROM users WHERE id = ?", {}, accountId);

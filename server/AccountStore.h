@@ -44,6 +44,9 @@ public:
     // A new token for the account; the clear text is returned once and never stored.
     std::string issueToken(std::int64_t accountId);
     void countRequest(std::int64_t accountId);
+    // The account of a signed-in address, made on its first sign-in. `email` is compared as given (the caller
+    // normalises it).
+    Account accountForEmail(const std::string& email);
     std::optional<Account> account(std::int64_t accountId);
 
     // An identity of this server that stays the same across starts (its `uuid` in the balancer list).

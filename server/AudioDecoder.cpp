@@ -74,8 +74,20 @@ struct PacketCloser {
 class Decoder {
 public:
     Decoder(std::string_view bytes, double maxSeconds) : reader_{bytes, 0}, maxSeconds_(maxSeconds) {}
+    Decoder(std::filesystem::path path, double maxSeconds, const SampleSink* sink)
+        : reader_{{}, 0}, maxSeconds_(maxSeconds), path_(std::move(path)), sink_(sink) {}
+
+    bool cancelled() const { return cancelled_; }
+    std::uint64_t delivered() const { return delivered_; }
 
     std::variant<DecodedAudio, DecodeFailure> run() {
+        if (!path_.empty()) {
+            AVFormatContext* format = nullptr;
+            if (avformat_open_input(&format, path_.c_str(), nullptr, nullptr) < 0)
+                return DecodeFailure{"The uploaded file is not an audio or video format the server can read."};
+            format_.reset(format);
+            return decode(format);
+        }
         constexpr int kIoBufferSize = 64 * 1024;
         auto* buffer = static_cast<std::uint8_t*>(av_malloc(kIoBufferSize));
         if (!buffer) return DecodeFailure{"The server ran out of memory while reading the upload."};
@@ -92,6 +104,11 @@ public:
         if (avformat_open_input(&format, nullptr, nullptr, nullptr) < 0)
             return DecodeFailure{"The uploaded file is not an audio or video format the server can read."};
         format_.reset(format);
+        return decode(format);
+    }
+
+private:
+    std::variant<DecodedAudio, DecodeFailure> decode(AVFormatContext* format) {
         if (avformat_find_stream_info(format, nullptr) < 0)
             return DecodeFailure{"The uploaded file is damaged or incomplete: its streams can't be read."};
 
@@ -120,6 +137,7 @@ public:
                 // A damaged packet in the middle is skipped, like players do; what decodes is kept.
                 if (avcodec_send_packet(codecContext_.get(), packet.get()) >= 0) {
                     if (auto failure = drain(audio)) return *failure;
+                    if (auto failure = deliver(audio)) return *failure;
                 }
             }
             av_packet_unref(packet.get());
@@ -127,13 +145,25 @@ public:
         avcodec_send_packet(codecContext_.get(), nullptr);
         if (auto failure = drain(audio)) return *failure;
         if (auto failure = flushResampler(audio)) return *failure;
+        if (auto failure = deliver(audio)) return *failure;
 
         if (!anyPacket) return DecodeFailure{"The uploaded file holds no audio data."};
-        if (audio.samples.empty()) return DecodeFailure{"The audio of the uploaded file could not be decoded."};
+        if (audio.samples.empty() && delivered_ == 0) return DecodeFailure{"The audio of the uploaded file could not be decoded."};
         return audio;
     }
 
-private:
+    // With a sink, the samples decoded so far leave the buffer.
+    std::optional<DecodeFailure> deliver(DecodedAudio& audio) {
+        if (!sink_ || audio.samples.empty()) return std::nullopt;
+        if (!(*sink_)(std::span<const std::int16_t>(audio.samples))) {
+            cancelled_ = true;
+            return DecodeFailure{"The decoding was stopped."};
+        }
+        delivered_ += audio.samples.size();
+        audio.samples.clear();
+        return std::nullopt;
+    }
+
     std::optional<DecodeFailure> ensureResampler(const AVFrame& frame) {
         if (resampler_) return std::nullopt;
         AVChannelLayout inLayout{};
@@ -166,7 +196,7 @@ private:
             return DecodeFailure{"The audio of the uploaded file could not be converted."};
         }
         audio.samples.resize(offset + static_cast<std::size_t>(produced));
-        if (audio.seconds() > maxSeconds_)
+        if (static_cast<double>(delivered_ + audio.samples.size()) / DecodedAudio::kSampleRate > maxSeconds_)
             return DecodeFailure{"The uploaded audio is longer than this server accepts."};
         return std::nullopt;
     }
@@ -194,6 +224,10 @@ private:
 
     MemoryReader reader_;
     double maxSeconds_;
+    std::filesystem::path path_;
+    const SampleSink* sink_ = nullptr;
+    std::uint64_t delivered_ = 0;
+    bool cancelled_ = false;
     std::unique_ptr<AVIOContext, IoCloser> io_;
     // Declared after io_ so that it is closed first: the format context reads through io_.
     std::unique_ptr<AVFormatContext, FormatCloser> format_;
@@ -209,6 +243,19 @@ std::variant<DecodedAudio, DecodeFailure> decodeAudio(std::string_view bytes, do
     av_log_set_level(AV_LOG_QUIET);
     Decoder decoder(bytes, maxSeconds);
     return decoder.run();
+}
+
+std::variant<DecodeSummary, FileDecodeFailure> decodeAudioFile(const std::filesystem::path& path, double maxSeconds,
+                                                               const SampleSink& sink) {
+    av_log_set_level(AV_LOG_QUIET);
+    std::error_code error;
+    if (std::filesystem::file_size(path, error) == 0 || error)
+        return FileDecodeFailure{DecodeFailure{"The uploaded file is empty."}, false};
+    Decoder decoder(path, maxSeconds, &sink);
+    auto result = decoder.run();
+    if (auto* failure = std::get_if<DecodeFailure>(&result)) return FileDecodeFailure{*failure, decoder.cancelled()};
+    auto& audio = std::get<DecodedAudio>(result);
+    return DecodeSummary{audio.formatName, audio.codecName, decoder.delivered()};
 }
 
 } // namespace sprelio::server

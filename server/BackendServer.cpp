@@ -4,16 +4,23 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <set>
+#include <fstream>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
 
+#include "core/Uuid.h"
 #include "diagnostics/Log.h"
 #include "server/ApiError.h"
 #include "server/AudioDecoder.h"
 #include "server/BoundedTaskQueue.h"
+#include "server/LongFileTranscriber.h"
 #include "server/PocketsphinxEngine.h"
 
 namespace sprelio::server {
@@ -29,7 +36,10 @@ struct Route {
     const char* method;
     const char* path;
 };
-constexpr Route kRoutes[] = {{"GET", "/users/info"}, {"POST", "/transcribe"}};
+constexpr Route kRoutes[] = {{"GET", "/users/info"},         {"POST", "/transcribe"},      {"GET", "/auth/request"},
+                             {"GET", "/auth/request/wait"}, {"POST", "/auth/request/code"}, {"GET", "/auth/confirm"},
+                             {"POST", "/users/report"}};
+constexpr std::string_view kFilePrefix = "/transcribe/file/";
 
 EngineDescription describeEngine(const ServerConfig& config) {
     if (config.engine == "pocketsphinx") return PocketsphinxEngine::description();
@@ -92,6 +102,78 @@ std::string joined(const std::vector<std::string>& items) {
     return out;
 }
 
+// The user's languages, in order of preference; the first the engine knows wins. No list: the engine's own.
+// Nothing when none of the requested codes is supported.
+std::optional<std::string> chooseLanguage(const httplib::Request& request, const EngineDescription& engine) {
+    std::string language = engine.languages.empty() ? "" : engine.languages.front();
+    auto requested = request.has_param("languages") ? trim(request.get_param_value("languages")) : "";
+    if (requested.empty()) return language;
+    std::size_t start = 0;
+    while (start <= requested.size()) {
+        auto comma = requested.find(',', start);
+        auto code = lower(trim(requested.substr(start, comma == std::string::npos ? comma : comma - start)));
+        auto primary = code.substr(0, code.find_first_of("-_"));
+        if (std::find(engine.languages.begin(), engine.languages.end(), primary) != engine.languages.end())
+            return primary;
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+    }
+    return std::nullopt;
+}
+
+// Checks the query values both transcription endpoints share; the chosen language, or the answer is set.
+std::optional<std::string> checkTranscriptionQuery(const httplib::Request& request, httplib::Response& response,
+                                                   const EngineDescription& engine, const char* caller) {
+    auto diarization = request.has_param("diarization") ? request.get_param_value("diarization") : "false";
+    if (diarization != "true" && diarization != "false") {
+        api_error::badRequest("The query value diarization must be true or false.").applyTo(response);
+        return std::nullopt;
+    }
+    if (diarization == "true" && !engine.diarization) {
+        api_error::diarizationUnsupported(engine.name).applyTo(response);
+        return std::nullopt;
+    }
+    auto language = chooseLanguage(request, engine);
+    if (!language) {
+        // The requested codes are the user's settings, not dictated text; still kept out of the log.
+        log(LogLevel::info, std::string(caller) + " - no requested language is supported by " + engine.name);
+        api_error::unsupportedLanguage(trim(request.get_param_value("languages")), joined(engine.languages))
+            .applyTo(response);
+    }
+    return language;
+}
+
+std::string readWholeFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::string text;
+    char buffer[4096];
+    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) text.append(buffer, static_cast<std::size_t>(in.gcount()));
+    return text;
+}
+
+ApiError fileNotFound() {
+    return {404, "FileNotFound", "There is no uploaded file with this id; please upload the file again.", true};
+}
+
+// A body the handler refuses before reading it: the connection can't be reused for another request.
+void refuseBody(httplib::Response& response, const ApiError& error) {
+    error.applyTo(response);
+    response.set_header("Connection", "close");
+}
+
+std::string htmlPage(const std::string& title, const std::string& text) {
+    return "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>" + title +
+           "</title></head>\n<body style=\"font-family: sans-serif; margin: 4em auto; max-width: 32em\"><h1>" + title +
+           "</h1><p>" + text + "</p></body></html>\n";
+}
+
+nlohmann::json confirmationJson(const SignInConfirmed& confirmed) {
+    return {{"token", confirmed.token},
+            {"requests", confirmed.account.requests},
+            {"email", confirmed.account.email},
+            {"user", {{"email", confirmed.account.email}, {"guid", confirmed.account.guid}}}};
+}
+
 } // namespace
 
 BackendServer::BackendServer(ServerConfig config)
@@ -101,6 +183,7 @@ BackendServer::BackendServer(ServerConfig config, EngineDescription engine, Engi
     : config_(std::move(config)), accounts_(config_.dataFolder),
       slots_(std::move(engine), std::move(factory), config_.engineSlots), http_(std::make_unique<httplib::Server>()) {
     local_ = accounts_.ensureLocalAccount(config_.effectiveTokenFile());
+    signIn_ = std::make_unique<SignInService>(config_, accounts_);
     serverUuid_ = accounts_.serverUuid();
     installRoutes();
 }
@@ -113,27 +196,57 @@ std::string BackendServer::url() const {
     return "http://" + host + ":" + std::to_string(port_.load());
 }
 
-bool BackendServer::isKnownPath(const std::string& path) const {
-    return std::any_of(std::begin(kRoutes), std::end(kRoutes), [&](const Route& r) { return path == r.path; });
+const char* BackendServer::allowedMethods(const std::string& path) const {
+    if (path.rfind(kFilePrefix, 0) == 0 && path.find('/', kFilePrefix.size()) == std::string::npos) return "GET, POST";
+    for (const auto& route : kRoutes)
+        if (path == route.path) return route.method;
+    return nullptr;
 }
 
 void BackendServer::installRoutes() {
     auto& http = *http_;
     http.new_task_queue = [this] { return new BoundedTaskQueue(config_.workerThreads, config_.maxQueuedConnections); };
-    http.set_payload_max_length(config_.maxUploadBytes);
+    // The largest body any endpoint takes; each endpoint holds its own bodies to their own limits.
+    std::uint64_t largest = std::max<std::uint64_t>({config_.maxUploadBytes, config_.maxFileUploadBytes,
+                                                     3 * static_cast<std::uint64_t>(config_.maxReportPartBytes) + 65536});
+    http.set_payload_max_length(static_cast<std::size_t>(largest));
     // Answers are small and written in pieces; without this, Nagle and delayed ACKs cost ~40 ms per request.
     http.set_tcp_nodelay(true);
     http.set_keep_alive_timeout(config_.keepAliveSeconds);
     http.set_read_timeout(config_.readTimeoutSeconds, 0);
     http.set_write_timeout(config_.readTimeoutSeconds, 0);
 
-    http.set_pre_routing_handler([](const httplib::Request&, httplib::Response&) {
+    http.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
         tRoutedAt = Clock::now();
+        // Bodies read into memory keep the smaller limit; the streaming endpoints check theirs while reading.
+        bool streamed = request.path.rfind(kFilePrefix, 0) == 0 || request.path == "/users/report";
+        if (!streamed && request.has_header("Content-Length")) {
+            std::uint64_t length = 0;
+            auto text = request.get_header_value("Content-Length");
+            auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), length);
+            if (ec != std::errc() || end != text.data() + text.size() || length > config_.maxUploadBytes) {
+                refuseBody(response, api_error::payloadTooLarge(config_.maxUploadBytes));
+                return httplib::Server::HandlerResponse::Handled;
+            }
+        }
         return httplib::Server::HandlerResponse::Unhandled;
     });
 
     http.Get("/users/info", [this](const httplib::Request& q, httplib::Response& r) { handleUserInfo(q, r); });
     http.Post("/transcribe", [this](const httplib::Request& q, httplib::Response& r) { handleTranscribe(q, r); });
+    http.Get("/auth/request", [this](const httplib::Request& q, httplib::Response& r) { handleSignInRequest(q, r); });
+    http.Get("/auth/request/wait", [this](const httplib::Request& q, httplib::Response& r) { handleSignInWait(q, r); });
+    http.Post("/auth/request/code", [this](const httplib::Request& q, httplib::Response& r) { handleSignInCode(q, r); });
+    http.Get("/auth/confirm", [this](const httplib::Request& q, httplib::Response& r) { handleSignInLink(q, r); });
+    http.Post("/users/report", [this](const httplib::Request& q, httplib::Response& r, const httplib::ContentReader& c) {
+        handleReport(q, r, c);
+    });
+    http.Post(R"(/transcribe/file/([^/]+))",
+              [this](const httplib::Request& q, httplib::Response& r, const httplib::ContentReader& c) {
+                  handleFileUpload(q, r, c);
+              });
+    http.Get(R"(/transcribe/file/([^/]+))",
+             [this](const httplib::Request& q, httplib::Response& r) { handleFileTranscribe(q, r); });
 
     // Statuses httplib sets by itself arrive here with an empty body; handlers' own error answers pass untouched.
     http.set_error_handler(httplib::Server::HandlerWithResponse([this](const httplib::Request& request,
@@ -142,10 +255,9 @@ void BackendServer::installRoutes() {
         ApiError error;
         switch (response.status) {
         case 404:
-            if (isKnownPath(request.path)) {
+            if (auto allowed = allowedMethods(request.path)) {
                 error = api_error::methodNotAllowed();
-                for (const auto& route : kRoutes)
-                    if (request.path == route.path) response.set_header("Allow", route.method);
+                response.set_header("Allow", allowed);
             } else {
                 error = api_error::notFound();
             }
@@ -209,6 +321,9 @@ void BackendServer::start() {
 void BackendServer::stop() {
     if (!listener_.joinable()) return;
     log(LogLevel::info, "BackendServer.stop() - stopping; running requests are finished first");
+    // Long polls would otherwise hold their workers, and so this stop, until their time-out.
+    stopping_ = true;
+    signIn_->shutdown();
     http_->stop();
     listener_.join();
     log(LogLevel::info, "BackendServer.stop() - stopped");
@@ -275,40 +390,9 @@ void BackendServer::handleTranscribe(const httplib::Request& request, httplib::R
         return;
     }
 
-    auto diarization = request.has_param("diarization") ? request.get_param_value("diarization") : "false";
-    if (diarization != "true" && diarization != "false") {
-        api_error::badRequest("The query value diarization must be true or false.").applyTo(response);
-        return;
-    }
-    if (diarization == "true" && !engine.diarization) {
-        api_error::diarizationUnsupported(engine.name).applyTo(response);
-        return;
-    }
-
-    // The user's languages, in order of preference; the first the engine knows wins. No list: the engine's own.
-    std::string language = engine.languages.empty() ? "" : engine.languages.front();
-    auto requested = request.has_param("languages") ? trim(request.get_param_value("languages")) : "";
-    if (!requested.empty()) {
-        std::optional<std::string> chosen;
-        std::size_t start = 0;
-        while (start <= requested.size() && !chosen) {
-            auto comma = requested.find(',', start);
-            auto code = lower(trim(requested.substr(start, comma == std::string::npos ? comma : comma - start)));
-            auto primary = code.substr(0, code.find_first_of("-_"));
-            if (std::find(engine.languages.begin(), engine.languages.end(), primary) != engine.languages.end())
-                chosen = primary;
-            if (comma == std::string::npos) break;
-            start = comma + 1;
-        }
-        if (!chosen) {
-            // The requested codes are the user's settings, not dictated text; still kept out of the log.
-            log(LogLevel::info, "BackendServer.handleTranscribe() - no requested language is supported by " +
-                                    engine.name);
-            api_error::unsupportedLanguage(requested, joined(engine.languages)).applyTo(response);
-            return;
-        }
-        language = *chosen;
-    }
+    auto chosen = checkTranscriptionQuery(request, response, engine, "BackendServer.handleTranscribe()");
+    if (!chosen) return;
+    const std::string& language = *chosen;
 
     auto lease = slots_.tryAcquire();
     if (!lease) {
@@ -347,6 +431,244 @@ void BackendServer::handleTranscribe(const httplib::Request& request, httplib::R
     accounts_.countRequest(account->id);
     response.set_content(nlohmann::json{{"text", transcript.text}, {"language", transcript.language}}.dump(),
                          "application/json");
+}
+
+void BackendServer::handleSignInRequest(const httplib::Request& request, httplib::Response& response) {
+    if (!request.has_param("email")) {
+        api_error::badRequest("Please enter a valid e-mail address.").applyTo(response);
+        return;
+    }
+    auto started = signIn_->request(request.get_param_value("email"), url() + "/auth/confirm?token=");
+    if (auto* error = std::get_if<ApiError>(&started)) {
+        error->applyTo(response);
+        return;
+    }
+    const auto& ok = std::get<SignInStarted>(started);
+    response.set_content(nlohmann::json{{"uuid", ok.uuid}, {"message", ok.message}}.dump(), "application/json");
+}
+
+void BackendServer::handleSignInLink(const httplib::Request& request, httplib::Response& response) {
+    auto confirmed = signIn_->confirmLink(request.has_param("token") ? request.get_param_value("token") : "");
+    if (auto* error = std::get_if<ApiError>(&confirmed)) {
+        response.status = error->status;
+        response.set_content(htmlPage("Sign-in not possible", error->message), "text/html; charset=utf-8");
+        return;
+    }
+    response.set_content(htmlPage("Sign-in confirmed", "You are now signed in to Sprelio. You can close this page "
+                                                       "and return to the application."),
+                         "text/html; charset=utf-8");
+}
+
+void BackendServer::handleSignInWait(const httplib::Request& request, httplib::Response& response) {
+    auto uuid = request.has_param("uuid") ? request.get_param_value("uuid") : "";
+    auto answer = signIn_->waitForLink(uuid);
+    if (auto* error = std::get_if<ApiError>(&answer)) {
+        error->applyTo(response);
+        return;
+    }
+    response.set_content(confirmationJson(std::get<SignInConfirmed>(answer)).dump(), "application/json");
+}
+
+void BackendServer::handleSignInCode(const httplib::Request& request, httplib::Response& response) {
+    auto body = nlohmann::json::parse(request.body, nullptr, false);
+    if (!body.is_object() || !body.contains("uuid") || !body["uuid"].is_string() || !body.contains("code") ||
+        !body["code"].is_string()) {
+        api_error::badRequest("The body must be a JSON object with the strings uuid and code.").applyTo(response);
+        return;
+    }
+    auto answer = signIn_->submitCode(body["uuid"].get<std::string>(), body["code"].get<std::string>());
+    if (auto* error = std::get_if<ApiError>(&answer)) {
+        error->applyTo(response);
+        return;
+    }
+    response.set_content(confirmationJson(std::get<SignInConfirmed>(answer)).dump(), "application/json");
+}
+
+void BackendServer::handleReport(const httplib::Request& request, httplib::Response& response,
+                                 const httplib::ContentReader& reader) {
+    auto account = authorize(request, response);
+    if (!account) {
+        response.set_header("Connection", "close");
+        return;
+    }
+    if (!request.is_multipart_form_data()) {
+        refuseBody(response, api_error::badRequest("The report must be multipart/form-data with the parts data, "
+                                                   "logs and config."));
+        return;
+    }
+    auto id = Uuid::random().string();
+    auto folder = reportFolder() / (id + ".partial");
+    std::filesystem::create_directories(folder);
+    struct Cleanup {
+        std::filesystem::path path;
+        ~Cleanup() {
+            std::error_code ignored;
+            if (!path.empty()) std::filesystem::remove_all(path, ignored);
+        }
+    } cleanup{folder};
+
+    // The three parts and the name each is stored under; the data part is small JSON, the archives are bounded.
+    const std::map<std::string, std::pair<std::string, std::size_t>> kParts = {
+        {"data", {"data.json", std::size_t{1024 * 1024}}},
+        {"logs", {"logs.zip", config_.maxReportPartBytes}},
+        {"config", {"config.zip", config_.maxReportPartBytes}}};
+    std::ofstream out;
+    std::string current;
+    std::size_t written = 0;
+    std::set<std::string> seen;
+    std::optional<ApiError> refusal;
+    bool read = reader(
+        [&](const httplib::MultipartFormData& part) {
+            out.close();
+            auto known = kParts.find(part.name);
+            if (known == kParts.end() || !seen.insert(part.name).second) {
+                refusal = api_error::badRequest("The report has an unknown or repeated part; it takes data, logs and "
+                                                "config once each.");
+                return false;
+            }
+            current = part.name;
+            written = 0;
+            out.open(folder / known->second.first, std::ios::binary | std::ios::trunc);
+            return static_cast<bool>(out);
+        },
+        [&](const char* data, std::size_t length) {
+            written += length;
+            if (written > kParts.at(current).second) {
+                refusal = api_error::payloadTooLarge(kParts.at(current).second);
+                return false;
+            }
+            out.write(data, static_cast<std::streamsize>(length));
+            return static_cast<bool>(out);
+        });
+    out.close();
+    if (!read || refusal) {
+        refuseBody(response, refusal.value_or(api_error::badRequest("The report could not be read.")));
+        return;
+    }
+    if (seen.size() != kParts.size()) {
+        api_error::badRequest("The report needs the three parts data, logs and config.").applyTo(response);
+        return;
+    }
+    auto data = nlohmann::json::parse(readWholeFile(folder / "data.json"), nullptr, false);
+    if (!data.is_object()) {
+        api_error::badRequest("The part data of the report is not a JSON object.").applyTo(response);
+        return;
+    }
+    std::ofstream(folder / "received.json")
+        << nlohmann::json{{"account", account->guid},
+                          {"email", account->email},
+                          {"received", static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(
+                                           std::chrono::system_clock::now().time_since_epoch())
+                                                                   .count())}}
+               .dump();
+    std::filesystem::rename(folder, reportFolder() / id);
+    cleanup.path.clear();
+    log(LogLevel::info, "BackendServer.handleReport() - problem report " + id + " stored");
+    response.set_content(nlohmann::json{{"uuid", id}, {"message", "The report was received."}}.dump(),
+                         "application/json");
+}
+
+void BackendServer::handleFileUpload(const httplib::Request& request, httplib::Response& response,
+                                     const httplib::ContentReader& reader) {
+    auto account = authorize(request, response);
+    if (!account) {
+        response.set_header("Connection", "close");
+        return;
+    }
+    auto uuid = Uuid::parse(request.matches[1].str());
+    if (!uuid) {
+        refuseBody(response, api_error::badRequest("The file id in the path is not a UUID."));
+        return;
+    }
+    if (request.has_header("Content-Length")) {
+        auto length = std::strtoull(request.get_header_value("Content-Length").c_str(), nullptr, 10);
+        if (length > config_.maxFileUploadBytes) {
+            refuseBody(response, api_error::payloadTooLarge(config_.maxFileUploadBytes));
+            return;
+        }
+    }
+    std::filesystem::create_directories(uploadFolder());
+    auto name = uuid->string();
+    auto partial = uploadFolder() / (name + ".partial");
+    std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+    std::uint64_t written = 0;
+    bool tooLarge = false;
+    bool read = out && reader([&](const char* data, std::size_t length) {
+        written += length;
+        if (written > config_.maxFileUploadBytes) {
+            tooLarge = true;
+            return false;
+        }
+        out.write(data, static_cast<std::streamsize>(length));
+        return static_cast<bool>(out);
+    });
+    out.close();
+    if (!read || !out || written == 0) {
+        std::error_code ignored;
+        std::filesystem::remove(partial, ignored);
+        refuseBody(response, tooLarge      ? api_error::payloadTooLarge(config_.maxFileUploadBytes)
+                             : written == 0 ? api_error::badRequest("The upload is empty.")
+                                            : api_error::badRequest("The upload could not be read or stored."));
+        return;
+    }
+    std::filesystem::rename(partial, uploadFolder() / (name + ".upload"));
+    std::ofstream(uploadFolder() / (name + ".owner")) << account->id << "\n";
+    log(LogLevel::info, "BackendServer.handleFileUpload() - stored " + std::to_string(written) + " bytes as " + name);
+    response.set_content(nlohmann::json{{"uuid", name}}.dump(), "application/json");
+}
+
+void BackendServer::handleFileTranscribe(const httplib::Request& request, httplib::Response& response) {
+    auto account = authorize(request, response);
+    if (!account) return;
+    auto uuid = Uuid::parse(request.matches[1].str());
+    auto name = uuid ? uuid->string() : std::string();
+    auto file = uploadFolder() / (name + ".upload");
+    // Another account's file is as unknown as a missing one.
+    std::int64_t owner = -1;
+    if (uuid) std::ifstream(uploadFolder() / (name + ".owner")) >> owner;
+    if (!uuid || owner != account->id || !std::filesystem::exists(file)) {
+        fileNotFound().applyTo(response);
+        return;
+    }
+    const auto& engine = slots_.description();
+    auto language = checkTranscriptionQuery(request, response, engine, "BackendServer.handleFileTranscribe()");
+    if (!language) return;
+    auto acquired = slots_.tryAcquire();
+    if (!acquired) {
+        api_error::noOnlineFarms().applyTo(response);
+        return;
+    }
+    auto lease = std::make_shared<EngineSlots::Lease>(std::move(*acquired));
+    LongFileTranscriber::Options options{*language, config_.fileChunkSeconds, config_.maxAudioSeconds};
+    auto accountId = account->id;
+    auto folder = uploadFolder();
+    response.set_chunked_content_provider(
+        "application/x-ndjson",
+        [this, lease, options, file, accountId, folder, name](std::size_t, httplib::DataSink& sink) {
+            LongFileTranscriber::Outcome outcome;
+            try {
+                outcome = LongFileTranscriber::run(file, lease->engine(), options, stopping_,
+                                                   [&sink](const std::string& line) {
+                                                       return sink.write(line.data(), line.size());
+                                                   });
+            } catch (const EngineError& e) {
+                log(LogLevel::error, std::string("BackendServer.handleFileTranscribe() - engine failure: ") + e.what());
+                auto line = nlohmann::json{{"error", "EngineUnavailable"},
+                                           {"message", "The transcription engine of this server could not be "
+                                                       "started."}}.dump() + "\n";
+                sink.write(line.data(), line.size());
+                outcome = LongFileTranscriber::Outcome::failed;
+            }
+            if (outcome == LongFileTranscriber::Outcome::transcribed) {
+                accounts_.countRequest(accountId);
+                // The client uploads again for another try, so a transcribed file is not kept.
+                std::error_code ignored;
+                std::filesystem::remove(folder / (name + ".upload"), ignored);
+                std::filesystem::remove(folder / (name + ".owner"), ignored);
+            }
+            if (outcome != LongFileTranscriber::Outcome::clientGone) sink.done();
+            return outcome != LongFileTranscriber::Outcome::clientGone;
+        });
 }
 
 } // namespace sprelio::server

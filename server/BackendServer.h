@@ -1,12 +1,14 @@
 #pragma once
-// One sprelio-server: the account API (GET /users/info) and a transcription backend (POST /transcribe) on one
-// HTTP listener. The standalone binary and the client's embedded mode both run this class.
+// One sprelio-server: the account API (sign-in under /auth, GET /users/info, POST /users/report) and a transcription
+// backend (POST /transcribe, long files under /transcribe/file/<uuid>) on one HTTP listener. The standalone binary and the client's embedded mode both run this class.
 //
 // Every answer that is not a success has the shape {"error", "message", "stop"} (ApiError), the statuses the HTTP
-// layer produces itself (404, 405, 413, 400, 500) included. Every endpoint requires "Authorization: Bearer <token>".
+// layer produces itself (404, 405, 413, 400, 500) included. Every endpoint but those of sign-in requires
+// "Authorization: Bearer <token>".
 // One access-log line per request: method, path, the names of the query keys (never their values), status and
 // the time from routing to answer; no header, body or transcript ever reaches the log.
 #include <atomic>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,11 +17,13 @@
 #include "server/AccountStore.h"
 #include "server/EngineSlots.h"
 #include "server/ServerConfig.h"
+#include "server/SignInService.h"
 
 namespace httplib {
 class Server;
 struct Request;
 struct Response;
+class ContentReader;
 } // namespace httplib
 
 namespace sprelio::server {
@@ -49,6 +53,10 @@ public:
     const LocalAccount& localAccount() const { return local_; }
     EngineSlots& engineSlots() { return slots_; }
     AccountStore& accounts() { return accounts_; }
+    SignInService& signIn() { return *signIn_; }
+    // Where long files and problem reports are kept.
+    std::filesystem::path uploadFolder() const { return config_.dataFolder / "files"; }
+    std::filesystem::path reportFolder() const { return config_.dataFolder / "reports"; }
     const ServerConfig& config() const { return config_; }
 
 private:
@@ -56,13 +64,24 @@ private:
     std::optional<Account> authorize(const httplib::Request& request, httplib::Response& response);
     void handleUserInfo(const httplib::Request& request, httplib::Response& response);
     void handleTranscribe(const httplib::Request& request, httplib::Response& response);
-    bool isKnownPath(const std::string& path) const;
+    void handleSignInRequest(const httplib::Request& request, httplib::Response& response);
+    void handleSignInLink(const httplib::Request& request, httplib::Response& response);
+    void handleSignInWait(const httplib::Request& request, httplib::Response& response);
+    void handleSignInCode(const httplib::Request& request, httplib::Response& response);
+    void handleReport(const httplib::Request& request, httplib::Response& response,
+                      const httplib::ContentReader& reader);
+    void handleFileUpload(const httplib::Request& request, httplib::Response& response,
+                          const httplib::ContentReader& reader);
+    void handleFileTranscribe(const httplib::Request& request, httplib::Response& response);
+    const char* allowedMethods(const std::string& path) const;
 
     ServerConfig config_;
     AccountStore accounts_;
     LocalAccount local_;
     std::string serverUuid_;
     EngineSlots slots_;
+    std::unique_ptr<SignInService> signIn_;
+    std::atomic<bool> stopping_{false};
     std::unique_ptr<httplib::Server> http_;
     std::thread listener_;
     std::atomic<int> port_{0};

@@ -74,6 +74,9 @@ std::string serverUsage() {
            "  --slots N            transcriptions at once (default 2)\n"
            "  --threads N          HTTP worker threads (default 8)\n"
            "  --max-upload-mb N    largest accepted request body (default 100)\n"
+           "  --max-file-upload-mb N  largest accepted long file (default 2048)\n"
+           "  --smtp-url URL       mail server for sign-in mails (default: link and code go to the console log)\n"
+           "  --smtp-from ADDRESS  sender of sign-in mails\n"
            "  --token-file PATH    where the local account's token is written (default DATA/local-token)\n";
 }
 
@@ -98,6 +101,15 @@ bool applyServerConfigJson(const std::string& jsonText, ServerConfig& config, st
             else if (key == "maxUploadBytes") config.maxUploadBytes = value.get<std::size_t>();
             else if (key == "maxAudioSeconds") config.maxAudioSeconds = value.get<double>();
             else if (key == "tokenFile") config.tokenFile = value.get<std::string>();
+            else if (key == "maxFileUploadBytes") config.maxFileUploadBytes = value.get<std::uint64_t>();
+            else if (key == "fileChunkSeconds") config.fileChunkSeconds = value.get<double>();
+            else if (key == "maxReportPartBytes") config.maxReportPartBytes = value.get<std::size_t>();
+            else if (key == "smtpUrl") config.smtpUrl = value.get<std::string>();
+            else if (key == "smtpFrom") config.smtpFrom = value.get<std::string>();
+            else if (key == "signInValidSeconds") config.signInValidSeconds = value.get<int>();
+            else if (key == "signInCodeAttempts") config.signInCodeAttempts = value.get<int>();
+            else if (key == "signInWaitSeconds") config.signInWaitSeconds = value.get<int>();
+            else if (key == "maxSignInWaiters") config.maxSignInWaiters = value.get<std::size_t>();
             else if (key == "peers") {
                 config.peers.clear();
                 for (const auto& item : value) {
@@ -166,6 +178,12 @@ ConfigParseResult parseServerCommandLine(int argc, const char* const* argv) {
         else if (flag == "--slots") ok = parseNumber(value, config.engineSlots) && config.engineSlots > 0;
         else if (flag == "--threads") ok = parseNumber(value, config.workerThreads) && config.workerThreads > 0;
         else if (flag == "--token-file") config.tokenFile = value;
+        else if (flag == "--smtp-url") config.smtpUrl = value;
+        else if (flag == "--smtp-from") config.smtpFrom = value;
+        else if (flag == "--max-file-upload-mb") {
+            ok = parseNumber(value, megabytes) && megabytes > 0;
+            config.maxFileUploadBytes = static_cast<std::uint64_t>(megabytes) * 1024 * 1024;
+        }
         else if (flag == "--max-upload-mb") {
             ok = parseNumber(value, megabytes) && megabytes > 0;
             config.maxUploadBytes = megabytes * 1024 * 1024;
