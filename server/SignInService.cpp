@@ -10,6 +10,7 @@
 
 #include "core/Uuid.h"
 #include "diagnostics/Log.h"
+#include "server/SqliteStatement.h"
 
 namespace sprelio::server {
 
@@ -20,37 +21,10 @@ std::int64_t nowSeconds() {
         .count();
 }
 
-class Statement {
+// Prepared statements of this store; failures name it.
+class Statement : public SqliteStatement {
 public:
-    Statement(sqlite3* db, const char* sql) {
-        if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK)
-            throw std::runtime_error(std::string("SignInService: ") + sqlite3_errmsg(db));
-    }
-    ~Statement() { sqlite3_finalize(stmt_); }
-    Statement(const Statement&) = delete;
-    Statement& operator=(const Statement&) = delete;
-    Statement& bind(int index, const std::string& text) {
-        sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
-        return *this;
-    }
-    Statement& bind(int index, std::int64_t value) {
-        sqlite3_bind_int64(stmt_, index, value);
-        return *this;
-    }
-    bool step() {
-        int rc = sqlite3_step(stmt_);
-        if (rc == SQLITE_ROW) return true;
-        if (rc == SQLITE_DONE) return false;
-        throw std::runtime_error(std::string("SignInService: ") + sqlite3_errmsg(sqlite3_db_handle(stmt_)));
-    }
-    std::int64_t integer(int column) { return sqlite3_column_int64(stmt_, column); }
-    std::string text(int column) {
-        auto p = sqlite3_column_text(stmt_, column);
-        return p ? std::string(reinterpret_cast<const char*>(p)) : std::string();
-    }
-
-private:
-    sqlite3_stmt* stmt_ = nullptr;
+    Statement(sqlite3* db, const char* sql) : SqliteStatement(db, sql, "SignInService") {}
 };
 
 // Uniform over 000000..999999: values of the top, incomplete range of 2^32 are drawn again.
