@@ -170,9 +170,11 @@ void MicrophoneManagerImpl::refreshMicDevices(const std::string& caller, bool fo
         ~Guard() { flag = false; }
     } guard{refreshingMicDevices_};
 
-    const auto transports = listOfAVCaptureDevices();
+    // One list serves both the transport table and the devices: on this platform they are the same source, and
+    // this runs before every recording, in the path of the first spoken word.
     const auto devices = deps_.devices.inputDevices();
     if (!devices) throw deviceListError();
+    const auto transports = transportsByName(*devices);
 
     std::vector<MicDevice> fresh;
     fresh.reserve(devices->size());
@@ -191,8 +193,13 @@ void MicrophoneManagerImpl::refreshMicDevices(const std::string& caller, bool fo
 std::map<std::string, MicDeviceTransportType> MicrophoneManagerImpl::listOfAVCaptureDevices() {
     const auto devices = deps_.devices.inputDevices();
     if (!devices) throw deviceListError();
+    return transportsByName(*devices);
+}
+
+std::map<std::string, MicDeviceTransportType>
+MicrophoneManagerImpl::transportsByName(const std::vector<platform::AudioInputDevice>& devices) {
     std::map<std::string, MicDeviceTransportType> result;
-    for (const auto& device : *devices) result[device.name] = micDeviceTransportType(device);
+    for (const auto& device : devices) result[device.name] = micDeviceTransportType(device);
     std::string text = "[";
     bool first = true;
     for (const auto& [name, transport] : result) {

@@ -80,6 +80,9 @@ public:
     void setOnChange(std::function<void()> onChange) { onChange_ = std::move(onChange); }
 
 private:
+    // The name-to-transport table of a device list, logged as the capture-device list.
+    static std::map<std::string, MicDeviceTransportType> transportsByName(
+        const std::vector<platform::AudioInputDevice>& devices);
     void setSelectedMic(MicDevice mic);
     void publishChange();
     void onDeviceChange(platform::AudioDeviceChange change, platform::AudioDeviceID device);

@@ -73,6 +73,17 @@ TEST_F(MicrophoneManagerTest, FirstSelectionAtStartIgnoresTheUserChoiceAndSetsTh
     EXPECT_TRUE(manager_->suppressNextInputCallback());
 }
 
+TEST_F(MicrophoneManagerTest, APressAsksTheSoundServerForItsDevicesOnce) {
+    addDevice(FakeAudioDevices::builtin(3, "Built-in Microphone"));
+    addDevice(FakeAudioDevices::usb(8, "USB Mic"));
+    create();
+    devices_.listCalls = 0;
+    // The selection at key down runs before the recorder starts: one list must serve the transports and devices.
+    ASSERT_TRUE(manager_->selectOptimalInputDevice());
+    EXPECT_EQ(devices_.listCalls, 1);
+    EXPECT_TRUE(logs_.containsPrefix("listOfAVCaptureDevices() - avCaptureDevices: "));
+}
+
 TEST_F(MicrophoneManagerTest, Rule1UserChoiceWinsWhenNoExternalMicIsKnown) {
     addDevice(FakeAudioDevices::builtin(3, "Built-in Microphone"));
     addDevice(FakeAudioDevices::bluetooth(5, "Headset"));
