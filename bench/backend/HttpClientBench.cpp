@@ -16,6 +16,7 @@
 #include "backend/ScriptedServer.h"
 #include "platform/linux/CurlHttpClient.h"
 #include "platform/loop/RealTimeLoop.h"
+#include "platform/test/TemporaryFolder.h"
 
 using namespace std::chrono_literals;
 using sprelio::MultipartBody;
@@ -42,17 +43,7 @@ double percentile(std::vector<double> values, double p) {
     return values[index];
 }
 
-struct TempFolder {
-    std::filesystem::path path;
-    TempFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "sprelio-bench-XXXXXX").string();
-        path = ::mkdtemp(pattern.data());
-    }
-    ~TempFolder() {
-        std::error_code ec;
-        std::filesystem::remove_all(path, ec);
-    }
-};
+using TempFolder = sprelio::platform::test::TemporaryFolder;
 
 bool post(platform::RealTimeLoop& loop, platform::CurlHttpClient& client, const std::string& url,
           const MultipartBody& body, std::chrono::steady_clock::time_point* sentAt,
@@ -97,7 +88,7 @@ int main(int argc, char** argv) {
 
     // ---- Peak memory while a 1 GB sparse file goes out as a multipart file part ----
     {
-        const auto huge = folder.path / "huge.caf";
+        const auto huge = folder.path() / "huge.caf";
         { std::ofstream(huge, std::ios::binary); }
         std::filesystem::resize_file(huge, 1024ull * 1024ull * 1024ull);
         MultipartBody body("----Boundary-BENCH");
@@ -115,7 +106,7 @@ int main(int argc, char** argv) {
     }
 
     // ---- Client overhead for a recording-sized upload (about 120 KB, a 60-second recording) ----
-    const auto recording = folder.path / "rec.caf";
+    const auto recording = folder.path() / "rec.caf";
     {
         std::mt19937 random(1);
         std::string data(120 * 1024, '\0');

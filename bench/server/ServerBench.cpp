@@ -15,23 +15,13 @@
 #include "server/AudioDecoder.h"
 #include "server/BackendServer.h"
 #include "server/PocketsphinxEngine.h"
+#include "platform/test/TemporaryFolder.h"
 
 namespace {
 
 using namespace sprelio::server;
 
-struct TempFolder {
-    TempFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "sprelio-server-bench-XXXXXX").string();
-        if (!::mkdtemp(pattern.data())) std::abort();
-        path = pattern;
-    }
-    ~TempFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-    std::filesystem::path path;
-};
+using TempFolder = sprelio::platform::test::TemporaryFolder;
 
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -48,8 +38,8 @@ const char* kClipText =
 
 void BM_EmbeddedEngineRealTimeFactor(benchmark::State& state) {
     TempFolder folder;
-    auto textFile = folder.path / "clip.txt";
-    auto wavFile = folder.path / "clip.wav";
+    auto textFile = folder.path() / "clip.txt";
+    auto wavFile = folder.path() / "clip.wav";
     std::ofstream(textFile) << kClipText << "\n";
     std::string command = "text2wave -eval '(voice_cmu_us_slt_arctic_hts)' -o '" + wavFile.string() + "' '" +
                           textFile.string() + "' >/dev/null 2>&1";
@@ -79,7 +69,7 @@ void BM_UserInfoRequestsPerSecond(benchmark::State& state) {
     TempFolder data;
     ServerConfig config;
     config.port = 0;
-    config.dataFolder = data.path;
+    config.dataFolder = data.path();
     BackendServer server(config);
     server.start();
     httplib::Client client("127.0.0.1", server.port());

@@ -10,6 +10,7 @@
 #include "backend/ScriptedServer.h"
 #include "platform/linux/CurlHttpClient.h"
 #include "platform/loop/RealTimeLoop.h"
+#include "platform/test/TemporaryFolder.h"
 
 namespace sprelio {
 namespace {
@@ -25,21 +26,7 @@ using platform::HttpResult;
 
 constexpr auto kWait = 20s;
 
-class TempFolder {
-public:
-    TempFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "sprelio-http-XXXXXX").string();
-        path_ = ::mkdtemp(pattern.data());
-    }
-    ~TempFolder() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
+using TempFolder = platform::test::TemporaryFolder;
 
 class HttpTransportTest : public ::testing::Test {
 protected:

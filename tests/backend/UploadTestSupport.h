@@ -26,6 +26,7 @@
 #include "store/SettingsStore.h"
 #include "ui/Messages.h"
 #include "ui/OverlayController.h"
+#include "platform/test/TemporaryFolder.h"
 
 namespace sprelio::backendtest {
 
@@ -33,21 +34,7 @@ using namespace std::chrono_literals;
 
 inline constexpr auto kWait = std::chrono::seconds(20);
 
-class TempFolder {
-public:
-    TempFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "sprelio-upload-XXXXXX").string();
-        path_ = ::mkdtemp(pattern.data());
-    }
-    ~TempFolder() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
+using TempFolder = platform::test::TemporaryFolder;
 
 struct HistoryEntry {
     HistoryManagerLogLevel level;

@@ -1,4 +1,5 @@
 #include "diagnostics/LogManager.h"
+#include "platform/test/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -75,22 +76,7 @@ private:
     std::vector<std::pair<SystemLogType, std::string>> lines_;
 };
 
-class TempFolder {
-public:
-    TempFolder() {
-        std::string pattern = (fs::temp_directory_path() / "sprelio-log-test-XXXXXX").string();
-        if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    ~TempFolder() {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
+using TempFolder = platform::test::TemporaryFolder;
 
 std::string readFile(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);

@@ -10,17 +10,6 @@
 
 namespace sprelio::server::test {
 
-TempFolder::TempFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "sprelio-server-test-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-}
-
-TempFolder::~TempFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
 ServerConfig loopbackConfig(const std::filesystem::path& dataFolder) {
     ServerConfig config;
     config.host = "127.0.0.1";

@@ -12,20 +12,11 @@
 #include <vector>
 
 #include "server/BackendServer.h"
+#include "platform/test/TemporaryFolder.h"
 
 namespace sprelio::server::test {
 
-class TempFolder {
-public:
-    TempFolder();
-    ~TempFolder();
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
+using TempFolder = platform::test::TemporaryFolder;
 
 ServerConfig loopbackConfig(const std::filesystem::path& dataFolder);
 

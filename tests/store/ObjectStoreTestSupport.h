@@ -14,24 +14,11 @@
 #include "platform/test/TestPlatform.h"
 #include "store/Persistence.h"
 #include "store/SqliteStore.h"
+#include "platform/test/TemporaryFolder.h"
 
 namespace sprelio::store::testing {
 
-class TempFolder {
-public:
-    TempFolder() {
-        path_ = std::filesystem::temp_directory_path() / ("sprelio-store-test-" + Uuid::random().string());
-        std::filesystem::create_directories(path_);
-    }
-    ~TempFolder() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
+using TempFolder = platform::test::TemporaryFolder;
 
 // A second, independent connection to a store file, as another process would have.
 class RawDatabase {
