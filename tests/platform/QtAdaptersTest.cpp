@@ -1,0 +1,167 @@
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <atomic>
+#include <thread>
+
+#include "platform/qt/LogindWakeMonitor.h"
+#include "platform/qt/QtMainLoop.h"
+#include "platform/qt/QtScreens.h"
+
+using namespace std::chrono_literals;
+using sprelio::platform::LogindWakeMonitor;
+using sprelio::platform::QtMainLoop;
+using sprelio::platform::Rect;
+using sprelio::platform::ScreenCoordinates;
+
+namespace {
+
+QCoreApplication& application() {
+    static int argc = 1;
+    static char name[] = "test_platform";
+    static char* argv[] = {name, nullptr};
+    static QCoreApplication* app = QCoreApplication::instance() ? QCoreApplication::instance()
+                                                                : new QCoreApplication(argc, argv);
+    return *app;
+}
+
+// Spins Qt's loop until the condition holds or the deadline passes.
+bool processUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 5s) {
+    QElapsedTimer clock;
+    clock.start();
+    while (!done()) {
+        if (clock.elapsed() > timeout.count()) return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 20);
+    }
+    return true;
+}
+
+} // namespace
+
+TEST(QtMainLoop, PostsRunInOrderFromAnyThreadAndTimersKeepTheirDueOrder) {
+    application();
+    QtMainLoop loop;
+    std::vector<std::string> seen;
+    std::atomic<bool> otherThreadSawMain{true};
+    loop.post([&] { seen.push_back("a"); });
+    std::thread([&] {
+        otherThreadSawMain = loop.isMainThread();
+        loop.post([&] { seen.push_back("b"); });
+    }).join();
+    loop.schedule(40ms, [&] { seen.push_back("late"); });
+    loop.schedule(10ms, [&] { seen.push_back("early"); });
+    EXPECT_TRUE(loop.isMainThread());
+    EXPECT_FALSE(otherThreadSawMain.load());
+    ASSERT_TRUE(processUntil([&] { return seen.size() == 4; }));
+    EXPECT_EQ(seen, (std::vector<std::string>{"a", "b", "early", "late"}));
+}
+
+TEST(QtMainLoop, InvalidatedTimerNeverRunsAndTimerFromAnotherThreadRunsOnTheLoop) {
+    application();
+    QtMainLoop loop;
+    bool cancelledRan = false;
+    auto cancelled = loop.schedule(20ms, [&] { cancelledRan = true; });
+    EXPECT_TRUE(cancelled->isValid());
+    EXPECT_GT(cancelled->remaining(), 0ms);
+    cancelled->invalidate();
+    EXPECT_EQ(cancelled->remaining(), 0ms);
+
+    std::atomic<bool> ranOnLoop{false};
+    std::shared_ptr<sprelio::platform::Timer> fromThread;
+    std::thread([&] { fromThread = loop.schedule(30ms, [&] { ranOnLoop = loop.isMainThread(); }); }).join();
+    ASSERT_TRUE(processUntil([&] { return ranOnLoop.load(); }));
+    EXPECT_FALSE(fromThread->isValid()) << "a fired timer is no longer valid";
+    // Give the cancelled one well past its due time.
+    auto marker = loop.schedule(40ms, [] {});
+    ASSERT_TRUE(processUntil([&] { return !marker->isValid(); }));
+    EXPECT_FALSE(cancelledRan);
+}
+
+TEST(ScreenCoordinates, FlipAboutThePrimaryScreensBottomEdge) {
+    // A 1920x1080 primary at the origin and a 1280x1024 screen to its right, top-aligned (X11 view).
+    ScreenCoordinates coords{QRect(0, 0, 1920, 1080)};
+    EXPECT_EQ(coords.fromQt(QRect(0, 0, 1920, 1080)), (Rect{0, 0, 1920, 1080}));
+    EXPECT_EQ(coords.fromQt(QRect(1920, 0, 1280, 1024)), (Rect{1920, 56, 1280, 1024}));
+    // A window 100 px below the top of the primary, 50 px tall.
+    EXPECT_EQ(coords.fromQt(QRect(10, 100, 200, 50)), (Rect{10, 930, 200, 50}));
+    for (const QRect r : {QRect(10, 100, 200, 50), QRect(1920, 0, 1280, 1024), QRect(-800, 300, 800, 600)})
+        EXPECT_EQ(coords.toQt(coords.fromQt(r)), r);
+}
+
+// A bus of the test's own stands in for the system bus; a connection on it owns logind's name and sends the
+// signal exactly as logind does.
+class LogindWake : public ::testing::Test {
+protected:
+    void SetUp() override {
+        application();
+        ASSERT_TRUE(folder_.isValid());
+        daemon_.setProgram("dbus-daemon");
+        daemon_.setArguments({"--session", "--nofork", "--print-address=1", "--address=unix:dir=" + folder_.path()});
+        daemon_.start();
+        ASSERT_TRUE(daemon_.waitForStarted(5000)) << "dbus-daemon missing";
+        ASSERT_TRUE(processUntil([&] { return daemon_.canReadLine(); }, 10s)) << "dbus-daemon gave no address";
+        address_ = QString::fromUtf8(daemon_.readLine()).trimmed();
+    }
+    void TearDown() override {
+        QDBusConnection::disconnectFromBus("monitor");
+        QDBusConnection::disconnectFromBus("logind");
+        daemon_.kill();
+        daemon_.waitForFinished(5000);
+    }
+    void sendPrepareForSleep(QDBusConnection& bus, bool start) {
+        auto signal = QDBusMessage::createSignal("/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                                                 "PrepareForSleep");
+        signal << start;
+        ASSERT_TRUE(bus.send(signal));
+    }
+    QTemporaryDir folder_;
+    QProcess daemon_;
+    QString address_;
+};
+
+TEST_F(LogindWake, OnlyTheEndOfASleepFromLogindIsAWake) {
+    QtMainLoop loop;
+    QDBusConnection monitorBus = QDBusConnection::connectToBus(address_, "monitor");
+    QDBusConnection logindBus = QDBusConnection::connectToBus(address_, "logind");
+    ASSERT_TRUE(monitorBus.isConnected() && logindBus.isConnected());
+    ASSERT_TRUE(logindBus.registerService("org.freedesktop.login1"));
+
+    LogindWakeMonitor monitor(loop, monitorBus);
+    ASSERT_TRUE(monitor.isListening());
+    int wakes = 0;
+    monitor.setWakeHandler([&] { ++wakes; });
+
+    sendPrepareForSleep(logindBus, true);
+    sendPrepareForSleep(logindBus, false);
+    ASSERT_TRUE(processUntil([&] { return wakes == 1; }));
+
+    // Somebody else on the bus sending the same signal is not logind.
+    QDBusConnection impostor = QDBusConnection::connectToBus(address_, "impostor");
+    sendPrepareForSleep(impostor, false);
+    sendPrepareForSleep(logindBus, true);
+    sendPrepareForSleep(logindBus, false);
+    ASSERT_TRUE(processUntil([&] { return wakes >= 2; }));
+    auto settle = loop.schedule(100ms, [] {});
+    ASSERT_TRUE(processUntil([&] { return !settle->isValid(); }));
+    EXPECT_EQ(wakes, 2);
+    QDBusConnection::disconnectFromBus("impostor");
+
+    monitor.setWakeHandler(nullptr);
+    sendPrepareForSleep(logindBus, false);
+    auto marker = loop.schedule(100ms, [] {});
+    ASSERT_TRUE(processUntil([&] { return !marker->isValid(); }));
+    EXPECT_EQ(wakes, 2) << "an empty handler stops the reports";
+}
+
+TEST_F(LogindWake, NoBusMeansNoListeningAndNoCrash) {
+    QtMainLoop loop;
+    QDBusConnection none = QDBusConnection::connectToBus(QString("unix:path=") + folder_.path() + "/absent", "monitor");
+    LogindWakeMonitor monitor(loop, none);
+    EXPECT_FALSE(monitor.isListening());
+    monitor.setWakeHandler([] {});
+}
