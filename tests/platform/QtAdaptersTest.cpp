@@ -12,6 +12,7 @@
 #include "platform/qt/LogindWakeMonitor.h"
 #include "platform/qt/QtMainLoop.h"
 #include "platform/qt/QtScreens.h"
+#include "platform/qt/SingleInstance.h"
 
 using namespace std::chrono_literals;
 using sprelio::platform::LogindWakeMonitor;
@@ -164,4 +165,26 @@ TEST_F(LogindWake, NoBusMeansNoListeningAndNoCrash) {
     LogindWakeMonitor monitor(loop, none);
     EXPECT_FALSE(monitor.isListening());
     monitor.setWakeHandler([] {});
+}
+
+TEST(SingleInstance, TheSecondStartAsksTheFirstToComeForwardAndLeaves) {
+    application();
+    const QString name = QStringLiteral("sprelio-test-instance-%1").arg(QCoreApplication::applicationPid());
+    int activations = 0;
+    auto first = std::make_unique<sprelio::platform::SingleInstance>(name);
+    ASSERT_TRUE(first->claim([&] { ++activations; }));
+
+    // The second start runs in a process of its own in real life; the socket can't tell the difference.
+    std::atomic<bool> secondClaimed{true};
+    std::thread second([&] {
+        sprelio::platform::SingleInstance other(name);
+        secondClaimed = other.claim([] {});
+    });
+    ASSERT_TRUE(processUntil([&] { return activations == 1; }, 10s));
+    second.join();
+    EXPECT_FALSE(secondClaimed.load());
+
+    first.reset();
+    sprelio::platform::SingleInstance third(name);
+    EXPECT_TRUE(third.claim([] {})) << "with the first gone, the next start is the instance";
 }
