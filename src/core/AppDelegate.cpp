@@ -1,4 +1,5 @@
 #include "core/AppDelegate.h"
+#include "core/AppHelpers.h"
 
 #include <charconv>
 #include <cmath>
@@ -62,15 +63,6 @@ std::size_t characterCount(const std::string& text) {
     if (breaks) ubrk_close(breaks);
     if (utext) utext_close(utext);
     return U_SUCCESS(status) ? count : text.size();
-}
-
-std::string languagesText(const std::vector<std::string>& codes) {
-    std::string text = "[";
-    for (std::size_t i = 0; i < codes.size(); ++i) {
-        if (i) text += ", ";
-        text += "\"" + codes[i] + "\"";
-    }
-    return text + "]";
 }
 
 // A key of the backend's answer counts only when its value is a string.
@@ -331,19 +323,9 @@ void AppDelegate::handleRecordingCompletion(const std::filesystem::path& url, bo
     const bool diarization = shortcutActionRawValue(effectiveAction) == "voiceToDialog";
 
     // The language always belongs to the shortcut pressed, even when the menu chose the action.
-    std::optional<std::string> inputLanguageCode = active ? active->inputLanguageCode() : std::nullopt;
-    if (inputLanguageCode && inputLanguageCode->empty()) inputLanguageCode.reset();
-    std::vector<std::string> inputLanguageCodes;
-    if (inputLanguageCode) {
-        inputLanguageCodes.push_back(*inputLanguageCode);
-        logInfo("inputLanguageCodes{} - using explicit inputLanguageCode=" + *inputLanguageCode);
-    } else {
-        for (const auto& language : deps_.settings.localizedTranslationLanguages()) {
-            if (!language.code.empty()) inputLanguageCodes.push_back(language.code);
-        }
-        logInfo("inputLanguageCodes{} - no explicit inputLanguageCode, falling back to languages=" +
-                languagesText(inputLanguageCodes));
-    }
+    const auto languages = chooseInputLanguages(active ? active->inputLanguageCode() : std::nullopt, deps_.settings);
+    const std::optional<std::string> inputLanguageCode = languages.inputLanguageCode;
+    const std::vector<std::string> inputLanguageCodes = languages.codes;
 
     logInfo("AppDelegate.handleRecordingCompletion() - requestID: " + id +
             " - action: " + std::string(shortcutActionRawValue(effectiveAction)) +
@@ -595,12 +577,12 @@ void AppDelegate::callCancelRecordingAndProcessing() {
 
 // ---- Overlays and focus ----
 
-void AppDelegate::showOverlay(OverlayType overlayType, bool force) {
+void AppDelegate::showOverlay(OverlayType overlayType, bool force, OverlayTrigger trigger) {
     logInfo("showOverlay() - Called with overlayType: " + std::string(overlayTypeName(overlayType)) +
             ", on thread: " + (platform_.loop.isMainThread() ? "main" : "background"));
     logInfo("showOverlay() - Removing old overlays before showing new one");
-    removeOverlay(true, false);
-    capturePreviouslyActiveAppIfNeeded();
+    removeOverlay(true, trigger != OverlayTrigger::session);
+    if (trigger != OverlayTrigger::screenChange) capturePreviouslyActiveAppIfNeeded();
     lastShownOverlayType_ = overlayType;
     post([this, overlayType, force]() {
         if (overlayScreenController_) overlayScreenController_->placeOverlay(overlayType, force);

@@ -111,7 +111,10 @@ public:
     void callCancelRecordingAndProcessing();
 
     // ---- Overlays and focus ----
-    void showOverlay(OverlayType overlayType, bool force = false);
+    // The wake and a screen change redraw the button without moving the user's focus; a screen change doesn't take
+    // the frontmost application as the one to return to either.
+    enum class OverlayTrigger { session, wake, screenChange };
+    void showOverlay(OverlayType overlayType, bool force = false, OverlayTrigger trigger = OverlayTrigger::session);
     void removeOverlay(bool force, bool preserveAppFocus);
     void capturePreviouslyActiveAppIfNeeded();
     void restoreFocusToPreviouslyActiveApp();

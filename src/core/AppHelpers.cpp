@@ -3,8 +3,36 @@
 #include "core/SharedAppDelegate.h"
 #include "diagnostics/Log.h"
 #include "store/ManagedObjectContext.h"
+#include "store/Settings.h"
+#include "store/SettingsStore.h"
+#include "store/Entities.h"
+#include "input/KeyboardShortcuts.h"
+#include "platform/Clock.h"
+#include <cstdio>
+#include <set>
 
 namespace sprelio {
+
+InputLanguages chooseInputLanguages(std::optional<std::string> shortcutLanguageCode, const store::Settings& settings) {
+    InputLanguages result;
+    if (shortcutLanguageCode && shortcutLanguageCode->empty()) shortcutLanguageCode.reset();
+    if (shortcutLanguageCode) {
+        result.inputLanguageCode = shortcutLanguageCode;
+        result.codes.push_back(*shortcutLanguageCode);
+        logInfo("inputLanguageCodes{} - using explicit inputLanguageCode=" + *shortcutLanguageCode);
+        return result;
+    }
+    for (const auto& language : settings.localizedTranslationLanguages()) {
+        if (!language.code.empty()) result.codes.push_back(language.code);
+    }
+    std::string text = "[";
+    for (std::size_t i = 0; i < result.codes.size(); ++i) {
+        if (i) text += ", ";
+        text += "\"" + result.codes[i] + "\"";
+    }
+    logInfo("inputLanguageCodes{} - no explicit inputLanguageCode, falling back to languages=" + text + "]");
+    return result;
+}
 
 bool cdSaveContext(store::ManagedObjectContext* context, const std::string& caller) {
     const std::string prefix = "cdSaveContext() - caller: " + caller;
@@ -79,6 +107,41 @@ bool cdSaveContext(store::ManagedObjectContext* context, const std::string& call
         result = true;
     });
     return result;
+}
+
+void cleanupShortcutsByUserDefaults(store::ManagedObjectContext& context, const store::SettingsStore& settings,
+                                    KeyboardShortcuts& keyboardShortcuts, const platform::Clock& clock) {
+    logInfo("cleanupShortcutsByUserDefaults()");
+    const auto started = clock.steadyNow();
+    std::set<std::string> known;
+    try {
+        for (const auto& shortcut : context.fetchAll<store::UserShortcut>())
+            if (const auto uuid = shortcut->uuid()) known.insert(uuid->string());
+    } catch (const store::StoreError& error) {
+        // Without the list every key would look unknown; better to keep them all than to drop live ones.
+        logError("cleanupShortcutsByUserDefaults() - error: " + error.error().localizedDescription);
+        return;
+    }
+    static constexpr std::string_view kPrefix = "KeyboardShortcuts_";
+    for (const auto& [key, value] : settings.dictionaryRepresentation()) {
+        if (key.rfind(kPrefix, 0) != 0) continue;
+        const std::string uuidText = key.substr(kPrefix.size());
+        const auto parsed = Uuid::parse(uuidText);
+        const bool isKnown = parsed && known.count(parsed->string()) > 0;
+        if (isKnown) {
+            logInfo("cleanupShortcutsByUserDefaults() - KeyboardShortcuts Hotkey with UUID " + uuidText +
+                    " is known by SPR, skipping");
+        } else {
+            logInfo("cleanupShortcutsByUserDefaults() - KeyboardShortcuts Hotkey with UUID " + uuidText +
+                    " is not known by SPR, disabling and resetting");
+            keyboardShortcuts.disable({uuidText});
+            keyboardShortcuts.reset({uuidText});
+        }
+    }
+    const double seconds = std::chrono::duration<double>(clock.steadyNow() - started).count();
+    char elapsed[32];
+    std::snprintf(elapsed, sizeof elapsed, "%.6f", seconds);
+    logInfo(std::string("cleanupShortcutsByUserDefaults() - finished checks in ") + elapsed + " seconds");
 }
 
 } // namespace sprelio

@@ -127,6 +127,30 @@ void AppState::setFloatingButtonMenuShortcut(UserShortcutPtr value) {
     changed("floatingButtonMenuShortcut");
 }
 
+AppState::UserShortcutPtr AppState::activateRecordAndTranscribeShortcut() {
+    if (!currentlyActiveUserShortcut_) {
+        logError("AppState.activateSessionShortcut() - self.currentlyActiveUserShortcut == nil, unable to proceed");
+        return nullptr;
+    }
+    auto shortcut = SessionShortcutBuilder::recordAndTranscribe();
+    logInfo("AppState.activateRecordAndTranscribeShortcut() - shortcut.shortcutActionRawValue: " +
+            shortcut->shortcutActionRawValue().value_or("nil"));
+    setFloatingButtonMenuShortcut(shortcut);
+    return shortcut;
+}
+
+AppState::UserShortcutPtr AppState::activateSessionShortcut(const SessionMenuItem& item) {
+    if (!currentlyActiveUserShortcut_) {
+        logError("AppState.activateSessionShortcut() - self.currentlyActiveUserShortcut == nil, unable to proceed");
+        return nullptr;
+    }
+    auto sessionCopy = SessionShortcutBuilder::copyForItem(*currentlyActiveUserShortcut_, item);
+    logInfo("AppState.activateSessionShortcut() - sessionCopy.shortcutActionRawValue: " +
+            sessionCopy->shortcutActionRawValue().value_or("nil"));
+    setFloatingButtonMenuShortcut(sessionCopy);
+    return sessionCopy;
+}
+
 std::optional<IntelligenceActionCompletionType> AppState::currentlyActiveIntelligenceActionCompletionType() const {
     const auto& shortcut = floatingButtonMenuShortcut_ ? floatingButtonMenuShortcut_ : currentlyActiveUserShortcut_;
     if (!shortcut) return std::nullopt;

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/SessionShortcutBuilder.h"
 #include "core/ShortcutAction.h"
 #include "core/Uuid.h"
 
@@ -87,6 +88,10 @@ public:
     // Chosen in the floating button's menu; takes precedence over the active shortcut for one dictation.
     const UserShortcutPtr& floatingButtonMenuShortcut() const { return floatingButtonMenuShortcut_; }
     void setFloatingButtonMenuShortcut(UserShortcutPtr value);
+    // The floating button's menu: a dictation without AI, or one that behaves as the chosen item. Both need the
+    // active shortcut; without it they log and give nothing.
+    UserShortcutPtr activateRecordAndTranscribeShortcut();
+    UserShortcutPtr activateSessionShortcut(const SessionMenuItem& item);
 
     // The menu shortcut's completion type, else the active shortcut's; nothing when neither exists or the stored
     // text is no case.

@@ -1,0 +1,130 @@
+#include "ai/IntelligenceItems.h"
+
+#include <algorithm>
+
+#include "core/Digest.h"
+#include "diagnostics/Log.h"
+
+namespace sprelio {
+
+std::string_view caseName(HardCodedItem item) {
+    switch (item) {
+    case HardCodedItem::editor: return "editor";
+    case HardCodedItem::useAsIs: return "useAsIs";
+    case HardCodedItem::showActionsDialog: return "showActionsDialog";
+    }
+    return "editor";
+}
+
+std::string_view caseName(BuiltInPrompt prompt) {
+    switch (prompt) {
+    case BuiltInPrompt::askAI: return "askAI";
+    case BuiltInPrompt::addEmoji: return "addEmoji";
+    case BuiltInPrompt::improveWriting: return "improveWriting";
+    case BuiltInPrompt::fixGrammar: return "fixGrammar";
+    }
+    return "askAI";
+}
+
+std::string_view caseName(PostProcess process) {
+    switch (process) {
+    case PostProcess::uppercaseAll: return "uppercaseAll";
+    case PostProcess::lowercaseAll: return "lowercaseAll";
+    case PostProcess::lowercaseFirstChar: return "lowercaseFirstChar";
+    case PostProcess::uppercaseFirstChar: return "uppercaseFirstChar";
+    case PostProcess::trimEndingPunctuation: return "trimEndingPunctuation";
+    }
+    return "uppercaseAll";
+}
+
+std::string_view caseName(ToneOfVoice tone) {
+    switch (tone) {
+    case ToneOfVoice::professional: return "professional";
+    case ToneOfVoice::formal: return "formal";
+    case ToneOfVoice::fun: return "fun";
+    case ToneOfVoice::flirt: return "flirt";
+    case ToneOfVoice::positive: return "positive";
+    case ToneOfVoice::negative: return "negative";
+    case ToneOfVoice::neutral: return "neutral";
+    }
+    return "neutral";
+}
+
+std::string_view serverPromptId(BuiltInPrompt prompt) {
+    switch (prompt) {
+    case BuiltInPrompt::askAI: return "ask_ai";
+    case BuiltInPrompt::addEmoji: return "add_emoji";
+    case BuiltInPrompt::improveWriting: return "improve_writing";
+    case BuiltInPrompt::fixGrammar: return "fix_grammar";
+    }
+    return "ask_ai";
+}
+
+std::string intelligenceItemId(std::string_view caseNameOrLanguageCode) { return md5Hex(caseNameOrLanguageCode); }
+
+namespace {
+
+template <typename Cases> std::optional<std::string> findCase(const Cases& cases, const std::string& itemId) {
+    for (const auto value : cases) {
+        if (intelligenceItemId(caseName(value)) == itemId) return std::string(caseName(value));
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+IntelligenceItem classifyIntelligenceItem(const std::string& itemId,
+                                          const std::vector<store::LocalizedLanguage>& translationTargets,
+                                          const std::vector<std::string>& presetIds) {
+    using Kind = IntelligenceItem::Kind;
+    // The order of the tests is the catalogue's: hard-coded, built-in, post-process, tones, translations, presets.
+    if (auto name = findCase(kHardCodedItems, itemId)) return {Kind::hardCoded, *name};
+    if (auto name = findCase(kBuiltInPrompts, itemId)) return {Kind::builtIn, *name};
+    if (auto name = findCase(kPostProcesses, itemId)) return {Kind::postProcess, *name};
+    if (auto name = findCase(kTonesOfVoice, itemId)) return {Kind::tone, *name};
+    for (const auto& language : translationTargets) {
+        if (!language.code.empty() && intelligenceItemId(language.code) == itemId) return {Kind::translation, language.code};
+    }
+    if (std::find(presetIds.begin(), presetIds.end(), itemId) != presetIds.end()) return {Kind::preset, itemId};
+    return {Kind::notFound, {}};
+}
+
+std::optional<AICompletionPromptId> promptIdForItemWithId(const std::string& itemId,
+                                                          const std::vector<store::LocalizedLanguage>& translationTargets,
+                                                          const std::vector<std::string>& presetIds,
+                                                          const std::string& lastDetectedLanguageCode,
+                                                          const std::string& appLanguageCode) {
+    using Kind = IntelligenceItem::Kind;
+    const auto item = classifyIntelligenceItem(itemId, translationTargets, presetIds);
+    AICompletionPromptId prompt{"", "", "", lastDetectedLanguageCode, appLanguageCode};
+    switch (item.kind) {
+    case Kind::builtIn:
+        logInfo("promptIdForItemWithId() - Item == .builtIn: " + item.name);
+        for (const auto value : kBuiltInPrompts) {
+            if (caseName(value) == item.name) prompt.promptId = serverPromptId(value);
+        }
+        return prompt;
+    case Kind::tone:
+        logInfo("promptIdForItemWithId() - Item == .tone: " + item.name);
+        prompt.promptId = "tone";
+        prompt.promptParam = item.name;
+        return prompt;
+    case Kind::translation:
+        logInfo("promptIdForItemWithId() - Item == .translation (using AppConstants.languages): " + item.name);
+        prompt.promptId = "translate";
+        prompt.promptParam = item.name;
+        return prompt;
+    case Kind::postProcess:
+        logInfo("promptIdForItemWithId() - Item == .postProcess: " + item.name);
+        return std::nullopt;
+    case Kind::preset:
+        logInfo("promptIdForItemWithId() - Item == IntelligencePreset: " + item.name + " - WARNING: currently unhandled");
+        return std::nullopt;
+    case Kind::hardCoded:
+    case Kind::notFound: break;
+    }
+    logInfo("promptIdForItemWithId() - found no Item for itemId: " + itemId);
+    return std::nullopt;
+}
+
+} // namespace sprelio

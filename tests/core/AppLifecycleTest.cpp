@@ -1,0 +1,276 @@
+// Launch order, wake and screen changes, reopen, escape, window frames and opening a tab.
+#include <gtest/gtest.h>
+
+#include "SessionFakes.h"
+#include "core/AppHelpers.h"
+#include "core/AppLifecycle.h"
+#include "input/KeyboardShortcuts.h"
+#include "platform/test/FakeGlobalInput.h"
+#include "platform/test/TemporaryFolder.h"
+#include "store/Persistence.h"
+#include "store/PointText.h"
+
+using namespace std::chrono_literals;
+using namespace sprelio;
+using namespace sprelio::testing;
+
+namespace {
+
+class FakeWindows final : public ShellWindows {
+public:
+    bool hasMainWindow() const override { return exists; }
+    void prepareMainWindow(ContentViewTab tab) override {
+        exists = true;
+        shownTabs.push_back(tab);
+    }
+    bool isMainWindowKey() const override { return exists && key; }
+    bool isMainWindowMiniaturized() const override { return miniaturized; }
+    void deminiaturizeMainWindow() override {
+        miniaturized = false;
+        calls.push_back("deminiaturize");
+    }
+    void makeMainWindowKeyAndOrderFront() override {
+        key = true;
+        calls.push_back("front");
+    }
+    void closeMainWindow() override {
+        exists = false;
+        key = false;
+        calls.push_back("closeMain");
+    }
+    bool isTutorialWindowKey() const override { return tutorialKey; }
+    void closeTutorialWindow() override {
+        tutorialKey = false;
+        calls.push_back("closeTutorial");
+    }
+    void setActivationPolicy(bool regular) override { calls.push_back(regular ? "policy:regular" : "policy:accessory"); }
+    void activateIgnoringOtherApps() override { calls.push_back("activate"); }
+
+    bool exists = false, key = false, miniaturized = false, tutorialKey = false;
+    std::vector<ContentViewTab> shownTabs;
+    std::vector<std::string> calls;
+};
+
+struct LifecycleHarness : SessionHarness {
+    platform::test::RecordingLogSink logs;
+    FakeWindows windows;
+    std::vector<std::string> steps;
+    bool overlayControllerExists = false;
+
+    std::function<void()> step(const std::string& name) {
+        return [this, name] { steps.push_back(name); };
+    }
+
+    AppLifecycle lifecycle{AppLifecycleDependencies{
+        tp.loop(), settings, constants, appState, mirror, app, windows, tp,
+        step("updateCachedUserShortcuts"), step("presenterEarlyWork"),
+        [this](bool on) { steps.push_back(on ? "loginItem:on" : "loginItem:off"); }, step("checkForUpdatesInBackground"),
+        step("checkForIncompatibilities"), step("keyboardSetup"), step("mouseSetup"), step("cleanupShortcuts"),
+        step("networkMonitor"), step("updateKeysSet"),
+        [this] {
+            steps.push_back("overlayController");
+            overlayControllerExists = true;
+            app.setOverlayScreenController(&overlay);
+        },
+        step("refreshPanels"), [this] { return overlayControllerExists; }, step("dispatchAndMenu"),
+        step("statusItem"), step("maintenanceAndBalancing"), step("loadBackends"), step("openSettings"),
+        step("startUpdater"), step("observers"), step("powerSource"), step("terminate")}};
+
+    LifecycleHarness() { app.setOverlayScreenController(nullptr); }
+};
+
+} // namespace
+
+TEST(AppLifecycle, LaunchRunsItsStepsInOrderAndPressesWaitForTheOverlayController) {
+    LifecycleHarness h;
+    h.lifecycle.initialize();
+    EXPECT_EQ(h.steps, (std::vector<std::string>{"updateCachedUserShortcuts", "loginItem:on", "openSettings",
+                                                 "checkForUpdatesInBackground", "checkForIncompatibilities"}))
+        << "a first launch registers the login item and opens the settings";
+    EXPECT_FALSE(h.settings.isFirstLaunch());
+    EXPECT_TRUE(h.logs.contains("AppDelegate.init() – initializing 'com.sprelio.app'"));
+    h.run();
+    h.steps.clear();
+
+    // A press before the overlay controller exists is refused as a launch still running.
+    h.press(makeShortcut("recordAndTranscribe"));
+    h.run();
+    EXPECT_EQ(h.app.appStatus(), AppActivity::idle);
+
+    h.lifecycle.applicationDidFinishLaunching();
+    EXPECT_EQ(h.steps, (std::vector<std::string>{"keyboardSetup", "mouseSetup", "cleanupShortcuts", "networkMonitor",
+                                                 "updateKeysSet", "overlayController", "dispatchAndMenu",
+                                                 "statusItem", "maintenanceAndBalancing", "openSettings",
+                                                 "startUpdater", "observers", "powerSource"}));
+    EXPECT_EQ(unwrappedAppDelegate(), &h.app);
+    h.run();
+    EXPECT_EQ(h.steps.back(), "loadBackends") << "the backends load in a task of their own";
+    EXPECT_EQ(h.windows.calls, (std::vector<std::string>{"policy:regular", "activate"}));
+    EXPECT_EQ(h.overlay.placed.back().first, OverlayType::button);
+
+    h.press(makeShortcut("recordAndTranscribe"));
+    h.run();
+    EXPECT_EQ(h.app.appStatus(), AppActivity::recording) << "after launch a press starts a dictation";
+    setSharedAppDelegate(nullptr);
+}
+
+TEST(AppLifecycle, ASecondLaunchNeitherRegistersTheLoginItemNorOpensTheSettingsAtInit) {
+    LifecycleHarness h;
+    h.settings.setIsFirstLaunch(false);
+    h.settings.setAppShowDockIcon(false);
+    h.settings.setFloatingButtonActivation(false);
+    h.lifecycle.initialize();
+    EXPECT_EQ(h.steps, (std::vector<std::string>{"updateCachedUserShortcuts", "checkForUpdatesInBackground",
+                                                 "checkForIncompatibilities"}));
+    h.lifecycle.applicationDidFinishLaunching();
+    h.run();
+    EXPECT_EQ(h.windows.calls.front(), "policy:accessory");
+    EXPECT_TRUE(h.overlay.placed.empty()) << "no floating button when it is turned off";
+    setSharedAppDelegate(nullptr);
+}
+
+TEST(AppLifecycle, TheNetworkStateHopsToTheMainLoop) {
+    LifecycleHarness h;
+    h.lifecycle.networkPathChanged(false);
+    EXPECT_TRUE(h.appState.internetAvailable()) << "not before the main loop runs";
+    h.run();
+    EXPECT_FALSE(h.appState.internetAvailable());
+    EXPECT_TRUE(h.logs.contains("AppDelegate: Network path is not satisfied. (no internet connection)",
+                                LogLevel::warning));
+    h.lifecycle.networkPathChanged(true);
+    h.run();
+    EXPECT_TRUE(h.appState.internetAvailable());
+}
+
+TEST(AppLifecycle, WakeRefreshesThePanelsAndShowsTheButtonOnlyWhenIdle) {
+    LifecycleHarness h;
+    h.lifecycle.handleSystemWake("NSWorkspaceDidWakeNotification");
+    h.run();
+    EXPECT_EQ(h.steps, std::vector<std::string>{"overlayController"}) << "made when there was none";
+    h.tp.advance(199ms);
+    EXPECT_TRUE(h.overlay.placed.empty());
+    h.tp.advance(1ms);
+    ASSERT_EQ(h.overlay.placed.size(), 1u);
+    EXPECT_EQ(h.overlay.placed[0], std::make_pair(OverlayType::button, true)) << "the button shows at idle, so forced";
+
+    h.press(makeShortcut("recordAndTranscribe"));
+    h.run();
+    ASSERT_EQ(h.app.appStatus(), AppActivity::recording);
+    const auto placedBefore = h.overlay.placed.size();
+    h.lifecycle.handleSystemWake("NSWorkspaceScreensDidWakeNotification");
+    h.run();
+    h.tp.advance(1s);
+    EXPECT_EQ(h.steps.back(), "refreshPanels");
+    EXPECT_EQ(h.overlay.placed.size(), placedBefore) << "a wake while recording does not show the button";
+    EXPECT_TRUE(h.logs.contains("AppDelegate.handleSystemWake() - received: NSWorkspaceScreensDidWakeNotification"));
+}
+
+TEST(AppLifecycle, AScreenChangeRedrawsTheButtonWithoutMovingFocus) {
+    LifecycleHarness h;
+    h.lifecycle.handleSystemWake("wake");
+    h.run();
+    h.tp.advance(1s);
+    const auto activationsBefore = h.tp.calls().size();
+    h.lifecycle.handleScreenParametersChanged("NSApplicationDidChangeScreenParametersNotification");
+    h.run();
+    EXPECT_EQ(h.steps.back(), "refreshPanels");
+    ASSERT_FALSE(h.overlay.placed.empty());
+    EXPECT_EQ(h.overlay.placed.back(), std::make_pair(OverlayType::button, true)) << "forced";
+    for (std::size_t i = activationsBefore; i < h.tp.calls().size(); ++i)
+        EXPECT_EQ(h.tp.calls()[i].rfind("activate", 0), std::string::npos) << h.tp.calls()[i];
+}
+
+TEST(AppLifecycle, ReopenShowsTheSelectedTabAndAsksForAWindowOnlyWhenThereIsNone) {
+    LifecycleHarness h;
+    h.appState.setSelectedContentViewTab(ContentViewTab::substitutions);
+    EXPECT_TRUE(h.lifecycle.applicationShouldHandleReopen(false));
+    h.run();
+    EXPECT_EQ(h.windows.shownTabs, std::vector<ContentViewTab>{ContentViewTab::substitutions});
+    EXPECT_FALSE(h.lifecycle.applicationShouldHandleReopen(true)) << "the window exists now";
+    h.run();
+    EXPECT_EQ(h.windows.calls.back(), "front");
+}
+
+TEST(AppLifecycle, OpeningATabBringsTheWindowForwardAndAMiniaturizedOneAfterATenthOfASecond) {
+    LifecycleHarness h;
+    int scrolls = 0;
+    h.lifecycle.scrollHistoryToTop = [&] { ++scrolls; };
+    h.lifecycle.openTab(ContentViewTab::history);
+    EXPECT_EQ(h.appState.selectedContentViewTab(), ContentViewTab::history);
+    EXPECT_EQ(h.mirror.selectedContentViewTab(), ContentViewTab::history);
+    EXPECT_EQ(scrolls, 1);
+    EXPECT_EQ(h.windows.calls, (std::vector<std::string>{"activate", "front"}));
+
+    h.windows.calls.clear();
+    h.windows.miniaturized = true;
+    h.lifecycle.openTab(ContentViewTab::about);
+    EXPECT_EQ(scrolls, 1);
+    EXPECT_EQ(h.windows.calls, std::vector<std::string>{"deminiaturize"});
+    h.tp.advance(99ms);
+    EXPECT_EQ(h.windows.calls.size(), 1u);
+    h.tp.advance(1ms);
+    EXPECT_EQ(h.windows.calls, (std::vector<std::string>{"deminiaturize", "activate", "front"}));
+}
+
+TEST(AppLifecycle, EscapeClosesOurKeyWindowAndOtherwisePassesOn) {
+    LifecycleHarness h;
+    EXPECT_FALSE(h.lifecycle.keyDown(0)) << "other keys pass unchanged";
+    EXPECT_TRUE(h.logs.lines().empty());
+    EXPECT_FALSE(h.lifecycle.keyDown(53)) << "no window of ours is key";
+    EXPECT_TRUE(h.logs.contains("AppDelegate.keyDown() - no window to close"));
+    h.windows.exists = h.windows.key = true;
+    EXPECT_TRUE(h.lifecycle.keyDown(53));
+    EXPECT_FALSE(h.windows.exists);
+    h.windows.tutorialKey = true;
+    EXPECT_TRUE(h.lifecycle.keyDown(53));
+    EXPECT_EQ(h.windows.calls, (std::vector<std::string>{"closeMain", "closeTutorial"}));
+}
+
+TEST(AppLifecycle, ClosingAWindowKeepsTheFramesOfTheTwoWindowsThatRememberThem) {
+    LifecycleHarness h;
+    const platform::Rect frame{100, 200, 640, 480};
+    h.lifecycle.handleWindowClose(h.lifecycle.tutorialControllerWindowTitle(), frame, true);
+    EXPECT_EQ(h.settings.tutorialViewFrame(), frame);
+    h.lifecycle.handleWindowClose(h.lifecycle.intelligenceResultsControllerWindowTitle(), frame, true);
+    EXPECT_EQ(h.settings.intelligenceResultsViewFrame(), frame);
+    h.lifecycle.handleWindowClose(h.lifecycle.contentViewWindowTitle(), frame, true);
+    EXPECT_TRUE(h.logs.containsPrefix("handleWindowClose() - unknown window title Sprelio Main, frame not saved"));
+    h.settings.setTutorialViewFrame(std::nullopt);
+    h.lifecycle.handleWindowClose(h.lifecycle.tutorialControllerWindowTitle(), frame, false);
+    EXPECT_EQ(h.settings.tutorialViewFrame(), std::nullopt);
+    EXPECT_TRUE(h.logs.contains(
+        "handleWindowClose() - unable to get screen with mouse or window information, frame not saved",
+        LogLevel::warning));
+}
+
+TEST(CleanupShortcutsByUserDefaults, RemovesTheHotkeysOfShortcutsNoLongerStored) {
+    platform::test::TemporaryFolder folder{"sprelio-cleanup"};
+    platform::test::TestPlatform tp;
+    store::PersistenceController persistence{folder.path()};
+    auto& context = persistence.container().viewContext();
+    auto kept = context.insertNew<store::UserShortcut>();
+    const auto keptId = Uuid::random();
+    kept->setUuid(keptId);
+    kept->setShortcutActionRawValue("recordAndTranscribe");
+    context.save();
+
+    store::MemorySettingsStore defaults;
+    platform::test::FakeGlobalInput input;
+    KeyboardShortcuts shortcuts(defaults, input);
+    const auto goneId = Uuid::random();
+    defaults.set(KeyboardShortcuts::userDefaultsKey(keptId.string()), R"({"carbonKeyCode":1,"carbonModifiers":2048})");
+    defaults.set(KeyboardShortcuts::userDefaultsKey(goneId.string()), R"({"carbonKeyCode":2,"carbonModifiers":2048})");
+    defaults.set("KeyboardShortcuts_not-a-uuid", "x");
+    defaults.set("apiBaseURL", "embedded");
+
+    platform::test::RecordingLogSink logs;
+    cleanupShortcutsByUserDefaults(context, defaults, shortcuts, tp);
+    const auto left = defaults.dictionaryRepresentation();
+    EXPECT_TRUE(left.count(KeyboardShortcuts::userDefaultsKey(keptId.string())));
+    EXPECT_FALSE(left.count(KeyboardShortcuts::userDefaultsKey(goneId.string())));
+    EXPECT_FALSE(left.count("KeyboardShortcuts_not-a-uuid"));
+    EXPECT_TRUE(left.count("apiBaseURL")) << "other settings are not touched";
+    EXPECT_TRUE(logs.contains("cleanupShortcutsByUserDefaults() - KeyboardShortcuts Hotkey with UUID " +
+                              keptId.string() + " is known by SPR, skipping"));
+    EXPECT_TRUE(logs.containsPrefix("cleanupShortcutsByUserDefaults() - finished checks in "));
+}
