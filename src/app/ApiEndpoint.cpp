@@ -14,10 +14,8 @@ namespace sprelio::app {
 std::unique_ptr<ApiEndpoint> ApiEndpoint::resolve(store::Settings& settings, const store::AppConstants& constants,
                                                   std::string& error) {
     std::unique_ptr<ApiEndpoint> endpoint(new ApiEndpoint());
-    std::string value = settings.apiBaseURL();
-    if (const char* variable = std::getenv(kApiBaseURLVariable); variable && *variable) value = variable;
+    const std::string value = configuredBaseURL(settings);
     if (value != kEmbeddedApi) {
-        while (!value.empty() && value.back() == '/') value.pop_back();
         endpoint->baseURL_ = value;
         logInfo("ApiEndpoint.resolve() - apiBaseURL: " + value);
         return endpoint;
@@ -41,6 +39,14 @@ std::unique_ptr<ApiEndpoint> ApiEndpoint::resolve(store::Settings& settings, con
     }
     logInfo("ApiEndpoint.resolve() - embedded server at " + endpoint->baseURL_);
     return endpoint;
+}
+
+std::string ApiEndpoint::configuredBaseURL(const store::Settings& settings) {
+    std::string value = settings.apiBaseURL();
+    if (const char* variable = std::getenv(kApiBaseURLVariable); variable && *variable) value = variable;
+    if (value == kEmbeddedApi) return value;
+    while (!value.empty() && value.back() == '/') value.pop_back();
+    return value;
 }
 
 ApiEndpoint::~ApiEndpoint() {

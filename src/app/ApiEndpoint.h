@@ -26,6 +26,9 @@ public:
     // server can't start.
     static std::unique_ptr<ApiEndpoint> resolve(store::Settings& settings, const store::AppConstants& constants,
                                                  std::string& error);
+    // What resolve() would use, without starting anything: the variable when set, else the setting; "embedded" or
+    // a base URL without a trailing slash.
+    static std::string configuredBaseURL(const store::Settings& settings);
     ~ApiEndpoint();
     ApiEndpoint(const ApiEndpoint&) = delete;
     ApiEndpoint& operator=(const ApiEndpoint&) = delete;

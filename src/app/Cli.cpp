@@ -4,6 +4,8 @@
 
 #include "app/AppEnvironment.h"
 #include "app/AudioCommands.h"
+#include "app/BackendCommands.h"
+#include "app/HistoryCommands.h"
 #include "app/SubstitutionCommands.h"
 #include "core/BuildInfo.h"
 #include "diagnostics/Log.h"
@@ -30,10 +32,27 @@ Commands:
   record --seconds N [--output PATH] [--device ID]
                                 record N seconds from the default input (or device ID, which becomes the
                                 default) and print the file's path; default path in the recordings folder
+  transcribe FILE [--language CODE] [--item ITEM] [--diarization]
+                                transcribe an audio file as a dictation and print the text; with --item
+                                (an AI item: fixGrammar, formal, a language code of the translation targets,
+                                or its id) print the AI result that comes with the transcript
+  transcribe --long FILE [--diarization]
+                                transcribe a long audio or video file as the Files tab does; progress on
+                                stderr, the text on stdout
+  account                       refresh and print the account, its backends, AI servers and models
+  login EMAIL                   sign in: an e-mail with a link and a code is sent; waits for the link
+  login --code CODE             finish the sign-in with the code from the e-mail
+  logout                        sign out
+  history list                  the history, newest first: [ID], level, date, duration, recording, text
+  history retry ID              transcribe an entry's recording again (a success adds a new entry)
+  history remove ID             remove an entry and its recording
+  history wipe                  remove every entry and every recording they name
   --help, -h                    this text
   --version, -v                 version and build
 
 Files: settings in $XDG_CONFIG_HOME/Sprelio/settings.json; data and logs in $XDG_DATA_HOME/Sprelio.
+The account API is the setting apiBaseURL (or $SPRELIO_API_BASE_URL); "embedded", the default, runs the bundled
+server in the process, offline, with its local account.
 )USAGE";
 
 // Strings print as they are so that scripts can use the output directly; everything else as JSON.
@@ -131,6 +150,9 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
     if (command == "settings") return settingsCommand(args, out, err);
     if (command == "substitute" || command == "substitutions") return substitutionCommand(args, out, err);
     if (command == "devices" || command == "record") return audioCommand(args, out, err);
+    if (command == "transcribe" || command == "account" || command == "login" || command == "logout")
+        return backendCommand(args, out, err);
+    if (command == "history") return historyCommand(args, out, err);
     return fail(err, "unknown command \"" + command + "\" (see sprelio --help)", 2);
 }
 

@@ -131,9 +131,11 @@ bool isUnreserved(unsigned char c) {
            c == '_' || c == '~';
 }
 
-// Query values keep what a query may hold as it is, except the characters that would split or end it.
+// Query values keep what a query may hold as it is, except the characters that would split or end it. A question
+// mark may stand in a query, but servers that split the target at every one of them refuse it ("??" is the region
+// of a locale without one): it is encoded.
 std::string encodeQueryComponent(const std::string& text) {
-    static constexpr std::string_view kKept = "!$'()*,/:;@?";
+    static constexpr std::string_view kKept = "!$'()*,/:;@";
     std::string out;
     for (const char ch : text) {
         const auto c = static_cast<unsigned char>(ch);

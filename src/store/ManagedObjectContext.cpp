@@ -429,4 +429,37 @@ void ManagedObjectContext::refreshAllObjects() {
     }
 }
 
+void ManagedObjectContext::refreshObject(const std::shared_ptr<ManagedObject>& object, bool mergeChanges) {
+    if (!object || object->context_ != this || object->inserted_ || object->deleted_ || !object->hasPermanentID())
+        return;
+    std::optional<SqliteStore::Row> row;
+    try {
+        row = impl_->store->fetchOne(object->entity(), object->primaryKey_);
+    } catch (const StoreError& error) {
+        logError("ManagedObjectContext.refreshObject() - unable to reload " + object->objectIDString() + ": " +
+                 error.error().debugDescription());
+        return;
+    }
+    auto& touched = impl_->touched;
+    if (!row) {
+        touched.erase(std::remove(touched.begin(), touched.end(), object), touched.end());
+        impl_->registryOf(object->entity()).erase(object->primaryKey_);
+        Impl::detach(*object);
+        object->deleted_ = true;
+        return;
+    }
+    std::vector<AttributeValue> values = row->values;
+    if (mergeChanges && !object->committed_.empty()) {
+        // The object's own changes win over the store's values; it stays in the touched list for the next save.
+        for (std::size_t i = 0; i < values.size() && i < object->values_.size(); ++i) {
+            if (object->values_[i] != object->committed_[i]) values[i] = object->values_[i];
+        }
+    } else {
+        touched.erase(std::remove(touched.begin(), touched.end(), object), touched.end());
+        object->touched_ = false;
+    }
+    object->committed_ = std::move(row->values);
+    object->values_ = std::move(values);
+}
+
 } // namespace sprelio::store

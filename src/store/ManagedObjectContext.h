@@ -96,6 +96,11 @@ public:
     // row is gone leaves the context (isDeleted() true, managedObjectContext() nullptr). A store that can't be read
     // is logged and the objects keep their last committed values. Never throws.
     void refreshAllObjects();
+    // One object: without `mergeChanges` its unsaved changes are given up and its values reloaded from the store;
+    // with it, the values it changed stay and the others are reloaded. An object whose row is gone leaves the
+    // context as in refreshAllObjects(). Inserted (never saved) and deleted objects are left as they are. Never
+    // throws; a store that can't be read is logged and the object keeps its values.
+    void refreshObject(const std::shared_ptr<ManagedObject>& object, bool mergeChanges);
     // Runs the block on the calling thread, which owns the context; kept so callers read as synchronous saves.
     void performBlockAndWait(const std::function<void()>& block) { block(); }
 

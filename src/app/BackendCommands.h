@@ -1,0 +1,17 @@
+#pragma once
+// The commands that talk to the account API and the transcription backends:
+//   sprelio transcribe FILE [--language CODE] [--item ITEM] [--diarization]
+//   sprelio transcribe --long FILE [--diarization]
+//   sprelio account
+//   sprelio login EMAIL | sprelio login --code CODE | sprelio logout
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace sprelio::app {
+
+// `args` is the whole command line, args[1] being "transcribe", "account", "login" or "logout". Returns the exit
+// status: 0 done, 1 failed, 2 the command line was wrong.
+int backendCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+} // namespace sprelio::app

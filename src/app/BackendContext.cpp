@@ -1,0 +1,126 @@
+#include "app/BackendContext.h"
+
+#include "diagnostics/Log.h"
+#include "store/AtomicFile.h"
+#include "store/CodableHelpers.h"
+
+namespace sprelio::app {
+
+namespace {
+
+// The AI lists are kept in the support folder as the completion service keeps them: replaced whole, at once.
+template <typename Item>
+void persistItems(const std::vector<Item>& items, const std::filesystem::path& path) {
+    nlohmann::ordered_json array = nlohmann::ordered_json::array();
+    for (const auto& item : items) array.push_back(item.encode());
+    const std::string error = store::writeFileAtomically(path, array.dump(), 0644);
+    if (!error.empty()) store::CodableHelpers::logPersistError(path, error);
+}
+
+} // namespace
+
+BackendContext::BackendContext(AppEnvironment& env, std::ostream& err)
+    : env_(env), toasts_(err),
+      messages_(platform::Platform{loop_, workers_, clock_, workspace_, sounds_, inputLevels_, statusImage_,
+                                   systemLog_, env.folders(), terminal_},
+                env.settings(), appState_, toasts_, env.constants().appName()) {}
+
+BackendContext::~BackendContext() {
+    // Uploads still running end without their completions; nothing may call back into what goes next.
+    fileUpload_.reset();
+    upload_.reset();
+    account_.reset();
+}
+
+bool BackendContext::start(std::string& error) {
+    endpoint_ = ApiEndpoint::resolve(env_.settings(), env_.constants(), error);
+    if (!endpoint_) return false;
+    balancing_ = std::make_unique<BalancingManager>(loop_, clock_, env_.settings(), appState_,
+                                                    env_.constants().appName());
+    LoginResourceService::Dependencies deps{loop_,
+                                            clock_,
+                                            http_,
+                                            env_.settings(),
+                                            env_.constants(),
+                                            appState_,
+                                            noScreens_,
+                                            balancing_.get(),
+                                            &messages_,
+                                            endpoint_->baseURL(),
+                                            machineIdentity(),
+                                            localeRegion(),
+                                            // One command, one answer: no periodic refresh.
+                                            false};
+    account_ = std::make_unique<LoginResourceService>(std::move(deps));
+    balancing_->setService(account_.get());
+    const auto serversFile = env_.constants().aiServerItemsFile();
+    const auto modelsFile = env_.constants().aiModelItemsFile();
+    account_->onAIServers = [serversFile](const std::vector<AIServerItem>& items) { persistItems(items, serversFile); };
+    account_->onAIModels = [modelsFile](const std::vector<AIModelItem>& items) { persistItems(items, modelsFile); };
+    return true;
+}
+
+HistoryManagerImpl& BackendContext::history() {
+    if (!history_) {
+        auto& container = env_.persistence().container();
+        history_ = std::make_unique<HistoryManagerImpl>(container.viewContext(), clock_);
+        maintenance_ = std::make_unique<MaintenanceManager>(container, env_.settings(), clock_);
+    }
+    return *history_;
+}
+
+MaintenanceManager& BackendContext::maintenance() {
+    history();
+    return *maintenance_;
+}
+
+HttpAudioUploadManager& BackendContext::uploadManager() {
+    if (!upload_) {
+        HttpAudioUploadManager::Dependencies deps{loop_,    workers_,           clock_,          http_,
+                                                  *balancing_, appState_,       env_.settings(), env_.constants(),
+                                                  history(),   messages_,       nullptr,         account_.get(),
+                                                  // No status menu in a terminal.
+                                                  {}};
+        upload_ = std::make_unique<HttpAudioUploadManager>(std::move(deps));
+    }
+    return *upload_;
+}
+
+FileUploadManager& BackendContext::fileUploadManager() {
+    if (!fileUpload_) {
+        fileUpload_ = std::make_unique<FileUploadManager>(FileUploadManager::Dependencies{
+            loop_, http_, *balancing_, env_.settings(), env_.constants(), account_->deviceId()});
+    }
+    return *fileUpload_;
+}
+
+bool BackendContext::checkBackends(const std::filesystem::path& file, const Uuid& requestID, std::string& error) {
+    if (!balancing_->balancers().empty()) return true;
+    error = errorDescription(SPRLocalizedError::balancerError, env_.constants().appName());
+    logError("BackendContext.checkBackends() - requestID: " + requestID.string() + " - the account API at " +
+             endpoint_->baseURL() + " named no backend - error: " + error);
+    history().log(HistoryManagerLogLevel::error, error, file, requestID, false);
+    messages_.showAlertForError(SPRStringError::errorMessageError(error, error).toError());
+    return false;
+}
+
+bool BackendContext::runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    // In slices, so that a condition that turns true on another thread is seen soon.
+    while (!done()) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) return false;
+        loop_.runUntil(done, std::min<std::chrono::nanoseconds>(deadline - now, std::chrono::milliseconds(200)));
+    }
+    return true;
+}
+
+void BackendContext::drain() {
+    for (int round = 0; round < 5; ++round) {
+        bool reached = false;
+        loop_.post([&reached] { reached = true; });
+        loop_.runUntil([&reached] { return reached; }, std::chrono::seconds(10));
+    }
+}
+
+} // namespace sprelio::app
