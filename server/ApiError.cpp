@@ -63,6 +63,8 @@ ApiError engineUnavailable() {
     return {503, "EngineUnavailable", "The transcription engine of this server could not be started.", false};
 }
 
+ApiError transcriptionFailed(std::string message) { return {502, "TranscriptionFailed", std::move(message), false}; }
+
 } // namespace api_error
 
 } // namespace sprelio::server

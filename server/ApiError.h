@@ -37,6 +37,8 @@ ApiError unsupportedLanguage(const std::string& requested, const std::string& su
 ApiError diarizationUnsupported(const std::string& engine);
 ApiError aiNotConfigured();
 ApiError engineUnavailable();
+// The engine's own service failed one request; `message` says how, for the user.
+ApiError transcriptionFailed(std::string message);
 } // namespace api_error
 
 } // namespace sprelio::server

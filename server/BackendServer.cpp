@@ -21,7 +21,10 @@
 #include "server/AudioDecoder.h"
 #include "server/BoundedTaskQueue.h"
 #include "server/LongFileTranscriber.h"
+#include "server/OpenAiHttp.h"
+#include "server/OpenAiTranscriptionEngine.h"
 #include "server/PocketsphinxEngine.h"
+#include "store/LocalizedLanguage.h"
 
 namespace sprelio::server {
 
@@ -38,20 +41,78 @@ struct Route {
 };
 constexpr Route kRoutes[] = {{"GET", "/users/info"},         {"POST", "/transcribe"},      {"GET", "/auth/request"},
                              {"GET", "/auth/request/wait"}, {"POST", "/auth/request/code"}, {"GET", "/auth/confirm"},
-                             {"POST", "/users/report"}};
+                             {"POST", "/users/report"},    {"POST", "/completions"}};
 constexpr std::string_view kFilePrefix = "/transcribe/file/";
+
+constexpr const char* kEngines = "pocketsphinx, openai";
+
+OpenAiTranscriptionSettings openAiSettings(const ServerConfig& config) {
+    if (config.openaiUrl.empty())
+        throw std::invalid_argument("the openai engine needs the URL of its service (--openai-url or openaiUrl)");
+    return {config.openaiUrl, resolveApiKey(config.openaiKey, config.openaiKeyFile), config.openaiModel,
+            config.openaiLanguages, std::chrono::seconds(std::max(1, config.openaiTimeoutSeconds))};
+}
 
 EngineDescription describeEngine(const ServerConfig& config) {
     if (config.engine == "pocketsphinx") return PocketsphinxEngine::description();
-    throw std::invalid_argument("unknown transcription engine '" + config.engine + "' (available: pocketsphinx)");
+    if (config.engine == "openai") return OpenAiTranscriptionEngine::description(openAiSettings(config));
+    throw std::invalid_argument("unknown transcription engine '" + config.engine + "' (available: " + kEngines + ")");
 }
 
-EngineFactory makeEngineFactory(const ServerConfig& config) {
+// `cancel` lets a stopping server cut short the requests of an engine that waits on another service.
+EngineFactory makeEngineFactory(const ServerConfig& config, const std::atomic<bool>* cancel) {
     if (config.engine == "pocketsphinx") {
         auto folder = config.modelFolder;
         return [folder] { return std::make_unique<PocketsphinxEngine>(folder); };
     }
-    throw std::invalid_argument("unknown transcription engine '" + config.engine + "' (available: pocketsphinx)");
+    if (config.engine == "openai") {
+        auto settings = openAiSettings(config);
+        return [settings, cancel] { return std::make_unique<OpenAiTranscriptionEngine>(settings, cancel); };
+    }
+    throw std::invalid_argument("unknown transcription engine '" + config.engine + "' (available: " + kEngines + ")");
+}
+
+std::unique_ptr<ChatCompletionClient> makeChatClient(const ServerConfig& config) {
+    if (config.aiUrl.empty()) return nullptr;
+    if (config.aiModel.empty())
+        throw std::invalid_argument("AI completions need the model name the service expects (--ai-model or aiModel)");
+    return std::make_unique<ChatCompletionClient>(
+        ChatSettings{config.aiUrl, resolveApiKey(config.aiKey, config.aiKeyFile), config.aiModel,
+                     std::chrono::seconds(std::max(1, config.aiTimeoutSeconds))});
+}
+
+// A value a client sent, fit to quote in a message: printable and short.
+std::string quotable(const std::string& text) {
+    std::string out;
+    for (char c : text.substr(0, 80)) out += (c >= 0x20 && c < 0x7F) ? c : '?';
+    return out;
+}
+
+ApiError aiFailure(const ChatFailure& failure) {
+    switch (failure.kind) {
+    case ChatFailure::Kind::unreachable:
+        return {502, "AIServerUnavailable", "The AI service behind this server could not be reached; please try again "
+                                            "later.",
+                false};
+    case ChatFailure::Kind::cancelled:
+        return {503, "ServerStopping", "The server is restarting; please try again.", false};
+    case ChatFailure::Kind::rejected:
+        return {502, "AIServerError", "The AI service behind this server refused the request (" + failure.detail + ").",
+                false};
+    case ChatFailure::Kind::invalidAnswer:
+        return {502, "AIInvalidResponse",
+                "The AI service behind this server gave no usable answer (" + failure.detail + ").", false};
+    }
+    return api_error::internalError();
+}
+
+// Every language of the client's table: the chat models behind this server are multilingual, and the client
+// offers translation targets from that table.
+nlohmann::json aiLanguages() {
+    nlohmann::json codes = nlohmann::json::array();
+    for (const auto& language : store::languageTable())
+        if (!language.code.empty()) codes.push_back(language.code);
+    return codes;
 }
 
 // A path as it may appear in the access log: printable ASCII only and bounded, so that an odd request can't
@@ -177,11 +238,14 @@ nlohmann::json confirmationJson(const SignInConfirmed& confirmed) {
 } // namespace
 
 BackendServer::BackendServer(ServerConfig config)
-    : BackendServer(config, describeEngine(config), makeEngineFactory(config)) {}
+    : BackendServer(config, describeEngine(config), makeEngineFactory(config, &stopping_)) {}
 
 BackendServer::BackendServer(ServerConfig config, EngineDescription engine, EngineFactory factory)
     : config_(std::move(config)), accounts_(config_.dataFolder),
       slots_(std::move(engine), std::move(factory), config_.engineSlots), http_(std::make_unique<httplib::Server>()) {
+    chat_ = makeChatClient(config_);
+    janitor_ = std::make_unique<UploadJanitor>(uploadFolder(), std::chrono::seconds(config_.fileRetentionSeconds),
+                                               std::chrono::seconds(config_.fileCleanupIntervalSeconds));
     local_ = accounts_.ensureLocalAccount(config_.effectiveTokenFile());
     signIn_ = std::make_unique<SignInService>(config_, accounts_);
     serverUuid_ = accounts_.serverUuid();
@@ -234,6 +298,7 @@ void BackendServer::installRoutes() {
 
     http.Get("/users/info", [this](const httplib::Request& q, httplib::Response& r) { handleUserInfo(q, r); });
     http.Post("/transcribe", [this](const httplib::Request& q, httplib::Response& r) { handleTranscribe(q, r); });
+    http.Post("/completions", [this](const httplib::Request& q, httplib::Response& r) { handleCompletions(q, r); });
     http.Get("/auth/request", [this](const httplib::Request& q, httplib::Response& r) { handleSignInRequest(q, r); });
     http.Get("/auth/request/wait", [this](const httplib::Request& q, httplib::Response& r) { handleSignInWait(q, r); });
     http.Post("/auth/request/code", [this](const httplib::Request& q, httplib::Response& r) { handleSignInCode(q, r); });
@@ -316,6 +381,10 @@ void BackendServer::start() {
     log(LogLevel::info, "BackendServer.start() - listening on " + config_.host + ":" + std::to_string(bound) +
                             ", engine " + slots_.description().name + " with " +
                             std::to_string(slots_.capacity()) + " slot(s), announced as " + url());
+    log(LogLevel::info, chat_ ? "BackendServer.start() - AI completions by " + config_.aiModel + " at " +
+                                    urlHost(chat_->endpoint())
+                              : std::string("BackendServer.start() - AI completions not configured"));
+    janitor_->start();
 }
 
 void BackendServer::stop() {
@@ -324,6 +393,7 @@ void BackendServer::stop() {
     // Long polls would otherwise hold their workers, and so this stop, until their time-out.
     stopping_ = true;
     signIn_->shutdown();
+    janitor_->stop();
     http_->stop();
     listener_.join();
     log(LogLevel::info, "BackendServer.stop() - stopped");
@@ -364,11 +434,29 @@ void BackendServer::handleUserInfo(const httplib::Request& request, httplib::Res
     // The token stays the one the client already holds: it is stored hashed, and the answer returns what came in.
     user["token"] = bearerToken(request);
 
+    // This server is its own AI server: the client posts to its url + "/completions".
+    nlohmann::json models = nlohmann::json::array();
+    nlohmann::json servers = nlohmann::json::array();
+    if (chat_) {
+        nlohmann::json features = CompletionPrompts::promptIds();
+        features.push_back("preset");
+        models.push_back({{"name", config_.aiModel},
+                          {"model", config_.aiModel},
+                          {"languages", aiLanguages()},
+                          {"providerType", "openai-compatible"},
+                          {"providerName", urlHost(chat_->endpoint())},
+                          {"features", features}});
+        servers.push_back({{"uuid", serverUuid_},
+                           {"name", config_.name},
+                           {"url", url()},
+                           {"models", nlohmann::json::array({config_.aiModel})}});
+    }
+
     nlohmann::json answer = {
         {"flags",
          {{"transcriptionEngine", engine.name}, {"transcriptionLanguages", engine.languages},
-          {"diarization", engine.diarization}, {"aiCompletions", false}}},
-        {"ai", {{"models", nlohmann::json::array()}, {"servers", nlohmann::json::array()}}},
+          {"diarization", engine.diarization}, {"aiCompletions", chat_ != nullptr}}},
+        {"ai", {{"models", models}, {"servers", servers}}},
         {"balancers", balancers},
         {"user", user},
     };
@@ -385,9 +473,18 @@ void BackendServer::handleTranscribe(const httplib::Request& request, httplib::R
             .applyTo(response);
         return;
     }
+    // An AI instruction rides along: checked before any audio is decoded, so that a request the server can't
+    // carry out costs no transcription.
+    std::optional<CompletionRequest> ai;
     if (request.has_file("ai")) {
-        api_error::aiNotConfigured().applyTo(response);
-        return;
+        auto parsed = CompletionPrompts::parse(nlohmann::json::parse(request.get_file_value("ai").content, nullptr,
+                                                                     false),
+                                               false);
+        if (auto* error = std::get_if<ApiError>(&parsed)) {
+            error->applyTo(response);
+            return;
+        }
+        ai = std::get<CompletionRequest>(std::move(parsed));
     }
 
     auto chosen = checkTranscriptionQuery(request, response, engine, "BackendServer.handleTranscribe()");
@@ -417,11 +514,17 @@ void BackendServer::handleTranscribe(const httplib::Request& request, httplib::R
     Transcript transcript;
     try {
         transcript = lease->engine().transcribe(audio.samples, language);
+    } catch (const EngineRequestError& e) {
+        // The engine's service failed this once; another backend may well succeed, so no stop.
+        api_error::transcriptionFailed(e.what()).applyTo(response);
+        return;
     } catch (const EngineError& e) {
         log(LogLevel::error, std::string("BackendServer.handleTranscribe() - engine failure: ") + e.what());
         api_error::engineUnavailable().applyTo(response);
         return;
     }
+    // The slot is free for the next recording while the AI part below waits on its service.
+    lease.reset();
     auto done = Clock::now();
     auto ms = [](auto d) { return std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(d).count()); };
     log(LogLevel::info, "BackendServer.handleTranscribe() - " + audio.formatName + "/" + audio.codecName + ", " +
@@ -429,8 +532,96 @@ void BackendServer::handleTranscribe(const httplib::Request& request, httplib::R
                             ms(recogniseStart - decodeStart) + " ms, recognised in " + ms(done - recogniseStart) +
                             " ms, text: " + std::string(kPrivatized));
     accounts_.countRequest(account->id);
-    response.set_content(nlohmann::json{{"text", transcript.text}, {"language", transcript.language}}.dump(),
+    nlohmann::json text = {{"text", transcript.text}, {"language", transcript.language}};
+    if (!ai) {
+        response.set_content(text.dump(), "application/json");
+        return;
+    }
+
+    // The streamed form: the transcript as the first line, as soon as it exists, then the AI result or an error
+    // line. The client has the transcript by then, so a failed AI step carries `stop`: uploading the recording
+    // again elsewhere would only transcribe it twice.
+    ai->text = transcript.text;
+    if (!transcript.language.empty()) ai->textLang = transcript.language;
+    auto pending = std::make_shared<CompletionRequest>(std::move(*ai));
+    auto textLine = std::make_shared<std::string>(text.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
+                                                  "\n");
+    response.set_chunked_content_provider(
+        "text/event-stream", [this, pending, textLine](std::size_t, httplib::DataSink& sink) {
+            if (!sink.write(textLine->data(), textLine->size())) return false;
+            auto outcome = complete(*pending, "BackendServer.handleTranscribe()");
+            std::string line;
+            if (auto* completion = std::get_if<std::string>(&outcome)) {
+                line = nlohmann::json{{"completion", *completion}}.dump(-1, ' ', false,
+                                                                         nlohmann::json::error_handler_t::replace);
+            } else {
+                auto error = std::get<ApiError>(outcome);
+                error.stop = true;
+                line = error.json();
+            }
+            line += "\n";
+            if (!sink.write(line.data(), line.size())) return false;
+            sink.done();
+            return true;
+        });
+}
+
+void BackendServer::handleCompletions(const httplib::Request& request, httplib::Response& response) {
+    auto account = authorize(request, response);
+    if (!account) return;
+    if (!chat_) {
+        api_error::aiNotConfigured().applyTo(response);
+        return;
+    }
+    auto body = nlohmann::json::parse(request.body, nullptr, false);
+    auto parsed = CompletionPrompts::parse(body, true);
+    if (auto* error = std::get_if<ApiError>(&parsed)) {
+        error->applyTo(response);
+        return;
+    }
+    auto outcome = complete(std::get<CompletionRequest>(parsed), "BackendServer.handleCompletions()");
+    if (auto* error = std::get_if<ApiError>(&outcome)) {
+        error->applyTo(response);
+        return;
+    }
+    response.set_content(nlohmann::json{{"completion", std::get<std::string>(outcome)}}.dump(
+                             -1, ' ', false, nlohmann::json::error_handler_t::replace),
                          "application/json");
+}
+
+std::variant<std::string, ApiError> BackendServer::complete(const CompletionRequest& request, const char* caller) {
+    if (!chat_) return api_error::aiNotConfigured();
+    std::string what = request.kind == CompletionRequest::Kind::preset
+                           ? std::string("preset")
+                           : request.promptId + (request.promptParam.empty() ? "" : "/" + quotable(request.promptParam));
+    if (request.text.size() > config_.maxCompletionTextBytes)
+        return ApiError{413, "TextTooLong",
+                        "The text is longer than the AI actions of this server take (" +
+                            std::to_string(config_.maxCompletionTextBytes / 1024) + " KB at most).",
+                        true};
+    if (request.kind == CompletionRequest::Kind::preset && !request.model.empty() && request.model != config_.aiModel)
+        // Another server may offer that model, so no stop.
+        return ApiError{400, "UnknownModel",
+                        "This server does not offer the AI model " + quotable(request.model) + "; it offers " +
+                            config_.aiModel + ".",
+                        false};
+    // Nothing was said: nothing to rewrite, and a model would only invent something.
+    if (request.text.find_first_not_of(" \t\r\n") == std::string::npos) {
+        log(LogLevel::info, std::string(caller) + " - " + what + ": empty text, answered without the AI service");
+        return std::string();
+    }
+
+    auto started = Clock::now();
+    auto answer = chat_->complete(CompletionPrompts::messages(request), config_.aiModel, &stopping_);
+    auto ms = std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count());
+    if (auto* failure = std::get_if<ChatFailure>(&answer)) {
+        log(LogLevel::error, std::string(caller) + " - " + what + ": AI service at " + urlHost(chat_->endpoint()) +
+                                 " failed after " + ms + " ms: " + failure->detail);
+        return aiFailure(*failure);
+    }
+    log(LogLevel::info, std::string(caller) + " - " + what + ": " + std::to_string(request.text.size()) +
+                            " bytes in, answered in " + ms + " ms, completion: " + std::string(kPrivatized));
+    return CompletionPrompts::cleanAnswer(std::get<std::string>(answer));
 }
 
 void BackendServer::handleSignInRequest(const httplib::Request& request, httplib::Response& response) {
@@ -589,6 +780,8 @@ void BackendServer::handleFileUpload(const httplib::Request& request, httplib::R
     }
     std::filesystem::create_directories(uploadFolder());
     auto name = uuid->string();
+    // A slow upload leaves its partial file alone for long stretches; the clean-up must not take it meanwhile.
+    auto busy = janitor_->markBusy(name);
     auto partial = uploadFolder() / (name + ".partial");
     std::ofstream out(partial, std::ios::binary | std::ios::trunc);
     std::uint64_t written = 0;
@@ -623,6 +816,8 @@ void BackendServer::handleFileTranscribe(const httplib::Request& request, httpli
     auto uuid = Uuid::parse(request.matches[1].str());
     auto name = uuid ? uuid->string() : std::string();
     auto file = uploadFolder() / (name + ".upload");
+    // Marked before the file is looked for: from here on the clean-up leaves it be until the stream has ended.
+    auto busy = std::make_shared<UploadJanitor::Busy>(janitor_->markBusy(name));
     // Another account's file is as unknown as a missing one.
     std::int64_t owner = -1;
     if (uuid) std::ifstream(uploadFolder() / (name + ".owner")) >> owner;
@@ -644,7 +839,7 @@ void BackendServer::handleFileTranscribe(const httplib::Request& request, httpli
     auto folder = uploadFolder();
     response.set_chunked_content_provider(
         "application/x-ndjson",
-        [this, lease, options, file, accountId, folder, name](std::size_t, httplib::DataSink& sink) {
+        [this, lease, busy, options, file, accountId, folder, name](std::size_t, httplib::DataSink& sink) {
             LongFileTranscriber::Outcome outcome;
             try {
                 outcome = LongFileTranscriber::run(file, lease->engine(), options, stopping_,

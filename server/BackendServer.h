@@ -1,6 +1,7 @@
 #pragma once
-// One sprelio-server: the account API (sign-in under /auth, GET /users/info, POST /users/report) and a transcription
-// backend (POST /transcribe, long files under /transcribe/file/<uuid>) on one HTTP listener. The standalone binary and the client's embedded mode both run this class.
+// One sprelio-server: the account API (sign-in under /auth, GET /users/info, POST /users/report), a transcription
+// backend (POST /transcribe, long files under /transcribe/file/<uuid>) and an AI server (POST /completions, and
+// the AI part of an upload) on one HTTP listener. The standalone binary and the client's embedded mode both run this class.
 //
 // Every answer that is not a success has the shape {"error", "message", "stop"} (ApiError), the statuses the HTTP
 // layer produces itself (404, 405, 413, 400, 500) included. Every endpoint but those of sign-in requires
@@ -13,11 +14,15 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <variant>
 
 #include "server/AccountStore.h"
+#include "server/ChatCompletionClient.h"
+#include "server/CompletionPrompts.h"
 #include "server/EngineSlots.h"
 #include "server/ServerConfig.h"
 #include "server/SignInService.h"
+#include "server/UploadJanitor.h"
 
 namespace httplib {
 class Server;
@@ -31,7 +36,8 @@ namespace sprelio::server {
 class BackendServer {
 public:
     // The engine named by config.engine. Opens the data folder's database and makes the local account; throws
-    // std::runtime_error when that fails, std::invalid_argument for an unknown engine.
+    // std::runtime_error when that fails or a key file can't be read, std::invalid_argument for an unknown
+    // engine or an incomplete engine or AI configuration.
     explicit BackendServer(ServerConfig config);
     // Any engine, for other engines and for tests of the server's own behaviour.
     BackendServer(ServerConfig config, EngineDescription engine, EngineFactory factory);
@@ -58,6 +64,9 @@ public:
     std::filesystem::path uploadFolder() const { return config_.dataFolder / "files"; }
     std::filesystem::path reportFolder() const { return config_.dataFolder / "reports"; }
     const ServerConfig& config() const { return config_; }
+    UploadJanitor& uploadJanitor() { return *janitor_; }
+    // Whether AI completions are configured.
+    bool hasAi() const { return chat_ != nullptr; }
 
 private:
     void installRoutes();
@@ -73,6 +82,9 @@ private:
     void handleFileUpload(const httplib::Request& request, httplib::Response& response,
                           const httplib::ContentReader& reader);
     void handleFileTranscribe(const httplib::Request& request, httplib::Response& response);
+    void handleCompletions(const httplib::Request& request, httplib::Response& response);
+    // Runs one AI request through the chat service; the text, or the error to answer.
+    std::variant<std::string, ApiError> complete(const CompletionRequest& request, const char* caller);
     const char* allowedMethods(const std::string& path) const;
 
     ServerConfig config_;
@@ -81,6 +93,8 @@ private:
     std::string serverUuid_;
     EngineSlots slots_;
     std::unique_ptr<SignInService> signIn_;
+    std::unique_ptr<ChatCompletionClient> chat_; // null: AI not configured
+    std::unique_ptr<UploadJanitor> janitor_;
     std::atomic<bool> stopping_{false};
     std::unique_ptr<httplib::Server> http_;
     std::thread listener_;

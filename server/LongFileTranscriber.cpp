@@ -59,6 +59,10 @@ LongFileTranscriber::Outcome LongFileTranscriber::run(const std::filesystem::pat
         try {
             auto piece = engine.transcribe(std::span<const std::int16_t>(pending.data(), count), options.language);
             if (!piece.text.empty()) text += (text.empty() ? "" : " ") + piece.text;
+        } catch (const EngineRequestError& e) {
+            outcome = Outcome::failed;
+            write(errorLine("TranscriptionFailed", e.what()));
+            return false;
         } catch (const EngineError& e) {
             log(LogLevel::error, std::string("LongFileTranscriber.run() - engine failure: ") + e.what());
             outcome = Outcome::failed;

@@ -2,6 +2,7 @@
 
 #include <openssl/sha.h>
 
+#include <cctype>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -58,6 +59,29 @@ bool parsePeer(const std::string& text, PeerBackend& peer) {
     return true;
 }
 
+// "en, de,fr-CA" -> en, de, fr: the engines compare primary subtags in lower case.
+bool parseLanguageList(const std::string& text, std::vector<std::string>& out) {
+    std::vector<std::string> codes;
+    std::size_t start = 0;
+    while (start <= text.size()) {
+        auto comma = text.find(',', start);
+        auto item = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        std::string code;
+        for (char c : item) {
+            if (c == ' ' || c == '\t') continue;
+            if (c == '-' || c == '_') break;
+            if (!std::isalpha(static_cast<unsigned char>(c))) return false;
+            code += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        }
+        if (code.empty()) return false;
+        codes.push_back(code);
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+    }
+    out = std::move(codes);
+    return true;
+}
+
 } // namespace
 
 std::string serverUsage() {
@@ -69,8 +93,23 @@ std::string serverUsage() {
            "  --public-url URL     URL announced to clients (default http://HOST:PORT)\n"
            "  --name NAME          name announced to clients\n"
            "  --peer NAME=URL      another transcription backend to announce (repeatable)\n"
-           "  --engine NAME        transcription engine (pocketsphinx)\n"
+           "  --engine NAME        transcription engine: pocketsphinx (default) or openai\n"
            "  --model DIR          pocketsphinx model folder\n"
+           "  --openai-url URL     openai engine: OpenAI-compatible service (root, .../v1 or the full\n"
+           "                       .../audio/transcriptions URL)\n"
+           "  --openai-key KEY     openai engine: API key (prefer --openai-key-file)\n"
+           "  --openai-key-file PATH  openai engine: file whose first line is the API key\n"
+           "  --openai-model NAME  openai engine: model (default whisper-1)\n"
+           "  --openai-languages LIST  openai engine: comma-separated language codes it serves, the first is the\n"
+           "                       default (default: the Whisper languages, en first)\n"
+           "  --ai-url URL         AI completions: OpenAI-compatible chat service (root, .../v1 or the full\n"
+           "                       .../chat/completions URL); without it AI requests are refused\n"
+           "  --ai-key KEY         AI completions: API key (prefer --ai-key-file)\n"
+           "  --ai-key-file PATH   AI completions: file whose first line is the API key\n"
+           "  --ai-model NAME      AI completions: model name (required with --ai-url)\n"
+           "  --ai-timeout SECONDS AI completions: time allowed for one answer (default 60)\n"
+           "  --file-retention-hours N  remove long-file uploads never transcribed after N hours, 0 keeps\n"
+           "                       them (default 24)\n"
            "  --slots N            transcriptions at once (default 2)\n"
            "  --threads N          HTTP worker threads (default 8)\n"
            "  --max-upload-mb N    largest accepted request body (default 100)\n"
@@ -110,6 +149,28 @@ bool applyServerConfigJson(const std::string& jsonText, ServerConfig& config, st
             else if (key == "signInCodeAttempts") config.signInCodeAttempts = value.get<int>();
             else if (key == "signInWaitSeconds") config.signInWaitSeconds = value.get<int>();
             else if (key == "maxSignInWaiters") config.maxSignInWaiters = value.get<std::size_t>();
+            else if (key == "openaiUrl") config.openaiUrl = value.get<std::string>();
+            else if (key == "openaiKey") config.openaiKey = value.get<std::string>();
+            else if (key == "openaiKeyFile") config.openaiKeyFile = value.get<std::string>();
+            else if (key == "openaiModel") config.openaiModel = value.get<std::string>();
+            else if (key == "openaiLanguages") {
+                std::string list;
+                for (const auto& item : value.get<std::vector<std::string>>()) list += (list.empty() ? "" : ",") + item;
+                config.openaiLanguages.clear();
+                if (!list.empty() && !parseLanguageList(list, config.openaiLanguages)) {
+                    error = "bad value for openaiLanguages: language codes such as \"en\" expected";
+                    return false;
+                }
+            }
+            else if (key == "openaiTimeoutSeconds") config.openaiTimeoutSeconds = value.get<int>();
+            else if (key == "aiUrl") config.aiUrl = value.get<std::string>();
+            else if (key == "aiKey") config.aiKey = value.get<std::string>();
+            else if (key == "aiKeyFile") config.aiKeyFile = value.get<std::string>();
+            else if (key == "aiModel") config.aiModel = value.get<std::string>();
+            else if (key == "aiTimeoutSeconds") config.aiTimeoutSeconds = value.get<int>();
+            else if (key == "maxCompletionTextBytes") config.maxCompletionTextBytes = value.get<std::size_t>();
+            else if (key == "fileRetentionSeconds") config.fileRetentionSeconds = value.get<int>();
+            else if (key == "fileCleanupIntervalSeconds") config.fileCleanupIntervalSeconds = value.get<int>();
             else if (key == "peers") {
                 config.peers.clear();
                 for (const auto& item : value) {
@@ -180,6 +241,21 @@ ConfigParseResult parseServerCommandLine(int argc, const char* const* argv) {
         else if (flag == "--token-file") config.tokenFile = value;
         else if (flag == "--smtp-url") config.smtpUrl = value;
         else if (flag == "--smtp-from") config.smtpFrom = value;
+        else if (flag == "--openai-url") config.openaiUrl = value;
+        else if (flag == "--openai-key") config.openaiKey = value;
+        else if (flag == "--openai-key-file") config.openaiKeyFile = value;
+        else if (flag == "--openai-model") ok = !(config.openaiModel = value).empty();
+        else if (flag == "--openai-languages") ok = parseLanguageList(value, config.openaiLanguages);
+        else if (flag == "--ai-url") config.aiUrl = value;
+        else if (flag == "--ai-key") config.aiKey = value;
+        else if (flag == "--ai-key-file") config.aiKeyFile = value;
+        else if (flag == "--ai-model") config.aiModel = value;
+        else if (flag == "--ai-timeout") ok = parseNumber(value, config.aiTimeoutSeconds) && config.aiTimeoutSeconds > 0;
+        else if (flag == "--file-retention-hours") {
+            int hours = 0;
+            ok = parseNumber(value, hours) && hours >= 0 && hours <= 24 * 365;
+            config.fileRetentionSeconds = hours * 60 * 60;
+        }
         else if (flag == "--max-file-upload-mb") {
             ok = parseNumber(value, megabytes) && megabytes > 0;
             config.maxFileUploadBytes = static_cast<std::uint64_t>(megabytes) * 1024 * 1024;

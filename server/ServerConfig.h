@@ -26,8 +26,18 @@ struct ServerConfig {
     std::string name = "sprelio-server";
     std::vector<PeerBackend> peers;
 
-    std::string engine = "pocketsphinx";
+    std::string engine = "pocketsphinx"; // or "openai"
     std::filesystem::path modelFolder = "/usr/share/pocketsphinx/model/en-us";
+    // The "openai" engine: an OpenAI-compatible audio transcription service. The URL is the service's root, its
+    // API root (".../v1") or the full ".../audio/transcriptions" URL. The key goes out as a Bearer token; a key
+    // file keeps it off the command line. The languages are those the operator knows the service to handle
+    // (empty: the Whisper languages).
+    std::string openaiUrl;
+    std::string openaiKey;
+    std::filesystem::path openaiKeyFile;
+    std::string openaiModel = "whisper-1";
+    std::vector<std::string> openaiLanguages;
+    int openaiTimeoutSeconds = 120;
     // Transcriptions that may run at once; one more is answered with "NoOnlineFarms".
     std::size_t engineSlots = 2;
 
@@ -44,6 +54,10 @@ struct ServerConfig {
     std::uint64_t maxFileUploadBytes = 2ULL * 1024 * 1024 * 1024;
     // A long file is recognised in pieces of about this length, each answered as a progress line.
     double fileChunkSeconds = 30;
+    // Uploaded long files that were never transcribed are removed after this long (0: kept for ever); the
+    // folder is checked at start and then at every interval (0: at start only).
+    int fileRetentionSeconds = 24 * 60 * 60;
+    int fileCleanupIntervalSeconds = 15 * 60;
     // Each of the three parts of a problem report.
     std::size_t maxReportPartBytes = 64 * 1024 * 1024;
 
@@ -58,6 +72,16 @@ struct ServerConfig {
     int signInWaitSeconds = 75;
     // Long polls held at once; each holds a worker thread, so they must leave workers for everything else.
     std::size_t maxSignInWaiters = 4;
+
+    // AI completions: an OpenAI-compatible chat-completions service, the same URL forms as openaiUrl. Without
+    // a URL, AI requests are answered with "AINotConfigured" and no AI server is announced.
+    std::string aiUrl;
+    std::string aiKey;
+    std::filesystem::path aiKeyFile;
+    std::string aiModel; // required with aiUrl: the model name sent to the service and announced to clients
+    int aiTimeoutSeconds = 60;
+    // The longest text an AI request may carry.
+    std::size_t maxCompletionTextBytes = 256 * 1024;
 
     // Where the token of the local account is written (mode 0600); empty: dataFolder / "local-token".
     std::filesystem::path tokenFile;
@@ -76,12 +100,16 @@ struct ConfigParseResult {
 
 // Flags: --config FILE, --host H, --port N, --data DIR, --public-url URL, --name NAME, --peer NAME=URL (repeatable),
 // --engine NAME, --model DIR, --slots N, --threads N, --max-upload-mb N, --max-file-upload-mb N, --token-file PATH,
-// --smtp-url URL, --smtp-from ADDRESS.
+// --smtp-url URL, --smtp-from ADDRESS, --openai-url URL, --openai-key KEY, --openai-key-file PATH,
+// --openai-model NAME, --openai-languages LIST, --ai-url URL, --ai-key KEY, --ai-key-file PATH, --ai-model NAME,
+// --ai-timeout SECONDS, --file-retention-hours N.
 ConfigParseResult parseServerCommandLine(int argc, const char* const* argv);
 // Keys of the JSON file: host, port, dataFolder, publicUrl, name, peers [{name, url, uuid?}], engine, modelFolder,
 // engineSlots, workerThreads, maxQueuedConnections, maxUploadBytes, maxFileUploadBytes, fileChunkSeconds,
 // maxReportPartBytes, maxAudioSeconds, tokenFile, smtpUrl, smtpFrom, signInValidSeconds, signInCodeAttempts,
-// signInWaitSeconds, maxSignInWaiters. Unknown keys are
+// signInWaitSeconds, maxSignInWaiters, openaiUrl, openaiKey, openaiKeyFile, openaiModel, openaiLanguages,
+// openaiTimeoutSeconds, aiUrl, aiKey, aiKeyFile, aiModel, aiTimeoutSeconds, maxCompletionTextBytes,
+// fileRetentionSeconds, fileCleanupIntervalSeconds. Unknown keys are
 // an error, so that a misspelt key never silently leaves a default in force.
 bool applyServerConfigJson(const std::string& jsonText, ServerConfig& config, std::string& error);
 std::string serverUsage();

@@ -28,10 +28,18 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// One request failed while the engine itself stays usable (a remote service refused or did not answer). The
+// text is fit for the user: it names what went wrong, never the audio or a credential.
+class EngineRequestError : public EngineError {
+public:
+    using EngineError::EngineError;
+};
+
 class TranscriptionEngine {
 public:
     virtual ~TranscriptionEngine() = default;
-    // 16 kHz mono samples; `language` is one of the description's languages. Throws EngineError.
+    // 16 kHz mono samples; `language` is one of the description's languages. Throws EngineError (or
+    // EngineRequestError).
     virtual Transcript transcribe(std::span<const std::int16_t> samples, const std::string& language) = 0;
 };
 

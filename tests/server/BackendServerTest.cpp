@@ -194,11 +194,23 @@ TEST_F(BackendServerTest, RequestsTheEngineCannotServeAreClearErrorsWithStop) {
                      "DiarizationUnsupported", true);
     expectErrorShape(postTranscribe(*client_, token_, upload, "?diarization=maybe"), 400, "BadRequest", true);
 
+    // An AI action the server does not know is refused before any transcription.
     Upload withAi = upload;
     withAi.aiJson = R"({"prompt_id":"fix","prompt_param":"","text_lang":"en","app_lang":"en"})";
+    expectErrorShape(postTranscribe(*client_, token_, withAi), 400, "BadRequest", true);
+    // A known one without an AI service: the transcript, then the reason there is no AI result.
+    withAi.aiJson = R"({"prompt_id":"fix_grammar","prompt_param":"","text_lang":"en","app_lang":"en"})";
     auto ai = postTranscribe(*client_, token_, withAi);
-    expectErrorShape(ai, 501, "AINotConfigured", true);
-    EXPECT_EQ(json::parse(ai->body)["message"], "AI completions are not configured on this server");
+    ASSERT_TRUE(ai);
+    EXPECT_EQ(ai->status, 200);
+    EXPECT_EQ(ai->get_header_value("Content-Type"), "text/event-stream");
+    auto firstLine = json::parse(ai->body.substr(0, ai->body.find('\n')));
+    EXPECT_TRUE(firstLine["text"].is_string());
+    EXPECT_EQ(firstLine["language"], "en");
+    auto secondLine = json::parse(ai->body.substr(ai->body.find('\n') + 1));
+    EXPECT_EQ(secondLine["error"], "AINotConfigured");
+    EXPECT_EQ(secondLine["message"], "AI completions are not configured on this server");
+    EXPECT_EQ(secondLine["stop"], true);
 
     // A language list that holds one language of the engine is served, whatever its place and region.
     auto mixed = postTranscribe(*client_, token_, upload, "?languages=de,en-US&diarization=false");
