@@ -186,7 +186,7 @@ TEST(TranscribeLast, ErrorsAndStrangeAnswersGoToTheHistory) {
     h.actions.keyDownAction(shortcut);
     h.run();
     ASSERT_EQ(h.conversions.size(), 1u);
-    h.conversions[0]->answer(std::nullopt, Error{"NSURLErrorDomain", -1001, "The request timed out."});
+    h.conversions[0]->answer(std::nullopt, Error{"NSURLErrorDomain", -1001, "The request timed out.", {}});
     h.run();
     ASSERT_EQ(h.history.entries.size(), 1u);
     EXPECT_EQ(h.history.entries[0].level, HistoryManagerLogLevel::error);
