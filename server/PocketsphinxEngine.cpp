@@ -1,15 +1,42 @@
 #include "server/PocketsphinxEngine.h"
 
 #include <pocketsphinx.h>
+#include <sphinxbase/feat.h>
 
 #include <algorithm>
 #include <string>
+#include <vector>
 
 namespace sprelio::server {
+
+namespace {
+
+// The decoder's running estimate of the cepstral mean, which it subtracts from every frame and updates at the end
+// of every utterance. Left alone it carries over from one request to the next: the text of one user's recording
+// would then depend on the voice and microphone of whoever came before (a clip read right after another one
+// came out "until this blows" instead of "an illness those"). Each request starts from the model's own estimate,
+// as a new process of pocketsphinx_continuous does.
+struct CepstralMeanStart {
+    std::vector<mfcc_t> mean;
+    std::vector<mfcc_t> sum;
+    int32 frames = 0;
+
+    static CepstralMeanStart of(const cmn_t& cmn) {
+        return {{cmn.cmn_mean, cmn.cmn_mean + cmn.veclen}, {cmn.sum, cmn.sum + cmn.veclen}, cmn.nframe};
+    }
+    void restore(cmn_t& cmn) const {
+        std::copy(mean.begin(), mean.end(), cmn.cmn_mean);
+        std::copy(sum.begin(), sum.end(), cmn.sum);
+        cmn.nframe = frames;
+    }
+};
+
+} // namespace
 
 struct PocketsphinxEngine::Impl {
     cmd_ln_t* config = nullptr;
     ps_decoder_t* decoder = nullptr;
+    CepstralMeanStart cepstralMeanStart;
 };
 
 EngineDescription PocketsphinxEngine::description() { return {"pocketsphinx", {"en"}, false}; }
@@ -33,6 +60,7 @@ PocketsphinxEngine::PocketsphinxEngine(const std::filesystem::path& modelFolder)
         delete impl_;
         throw EngineError("pocketsphinx could not load the model in " + modelFolder.string());
     }
+    impl_->cepstralMeanStart = CepstralMeanStart::of(*ps_get_feat(impl_->decoder)->cmn_struct);
 }
 
 PocketsphinxEngine::~PocketsphinxEngine() {
@@ -46,6 +74,9 @@ Transcript PocketsphinxEngine::transcribe(std::span<const std::int16_t> samples,
     // utterance costs memory and accuracy, and a file of an hour must not be one utterance.
     constexpr std::size_t kChunk = 2048;
     ps_decoder_t* ps = impl_->decoder;
+    impl_->cepstralMeanStart.restore(*ps_get_feat(ps)->cmn_struct);
+    // A new stream to the library too: the noise level its voice-activity detector tracks starts afresh.
+    if (ps_start_stream(ps) < 0) throw EngineError("pocketsphinx refused to start a stream");
     std::string text;
     auto appendHypothesis = [&] {
         int32 score = 0;

@@ -2,6 +2,8 @@
 // recognise time over audio duration), and GET /users/info answers per second on loopback with keep-alive.
 //
 //   ninja -C build-server bench_server && build-server/bench/bench_server
+//
+// Word error rate, dictation latency and throughput under load: bench/server/measure-server.sh (see there).
 #include <benchmark/benchmark.h>
 #include <httplib.h>
 #include <unistd.h>
@@ -89,4 +91,14 @@ BENCHMARK(BM_UserInfoRequestsPerSecond)->Unit(benchmark::kMicrosecond)->UseRealT
 
 } // namespace
 
-BENCHMARK_MAIN();
+// In ServerMeasurements.cpp: the sub-commands (transcribe, encode-caf, rtf, latency, load).
+int runServerMeasurement(int argc, char** argv);
+
+int main(int argc, char** argv) {
+    if (int status = runServerMeasurement(argc, argv); status >= 0) return status;
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
