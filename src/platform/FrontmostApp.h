@@ -1,4 +1,5 @@
 #pragma once
+#include <functional>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -22,6 +23,16 @@ public:
     virtual bool activate(const RunningApplication& app, unsigned options) = 0;
     // Brings Sprelio itself to the front.
     virtual void activateSelf() = 0;
+};
+
+// Notice of each application that becomes the active one.
+class WorkspaceNotifications {
+public:
+    virtual ~WorkspaceNotifications() = default;
+    // Called on the main loop at each activation, with the application activated; nothing when the desktop reports
+    // an activation without a known application. One handler; a new one replaces it, an empty one stops delivery.
+    using ActivationHandler = std::function<void(const std::optional<RunningApplication>&)>;
+    virtual void setDidActivateApplicationHandler(ActivationHandler handler) = 0;
 };
 
 } // namespace sprelio::platform

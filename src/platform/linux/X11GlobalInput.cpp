@@ -19,8 +19,14 @@
 #include <thread>
 
 #include "diagnostics/Log.h"
+#include "platform/linux/X11Errors.h"
+#include "platform/linux/X11KeyTables.h"
 
 namespace sprelio::platform {
+
+using x11::isModifierCode;
+using x11::keysymCharacter;
+using x11::utf8;
 
 namespace {
 
@@ -32,97 +38,6 @@ constexpr std::uint64_t kFlagControl = 0x40000;
 constexpr std::uint64_t kFlagOption = 0x80000;
 constexpr std::uint64_t kFlagCommand = 0x100000;
 constexpr std::uint64_t kFlagFunction = 0x800000;
-// XF86XK_Fn, spelled out because its header macro expands to a helper only defined in newer headers.
-constexpr KeySym kKeysymFn = 0x100811D0;
-
-// Keys whose position differs between layouts but whose code follows the position: named by XKB key name, which
-// is the physical key whatever the layout prints on it.
-const std::map<std::string_view, std::uint16_t>& positionalKeys() {
-    static const std::map<std::string_view, std::uint16_t> table = {
-        {"TLDE", 50}, {"AE01", 18}, {"AE02", 19}, {"AE03", 20}, {"AE04", 21}, {"AE05", 23}, {"AE06", 22},
-        {"AE07", 26}, {"AE08", 28}, {"AE09", 25}, {"AE10", 29}, {"AE11", 27}, {"AE12", 24}, {"AE13", 93},
-        {"AD01", 12}, {"AD02", 13}, {"AD03", 14}, {"AD04", 15}, {"AD05", 17}, {"AD06", 16}, {"AD07", 32},
-        {"AD08", 34}, {"AD09", 31}, {"AD10", 35}, {"AD11", 33}, {"AD12", 30}, {"AC01", 0},  {"AC02", 1},
-        {"AC03", 2},  {"AC04", 3},  {"AC05", 5},  {"AC06", 4},  {"AC07", 38}, {"AC08", 40}, {"AC09", 37},
-        {"AC10", 41}, {"AC11", 39}, {"AC12", 42}, {"BKSL", 42}, {"AB01", 6},  {"AB02", 7},  {"AB03", 8},
-        {"AB04", 9},  {"AB05", 11}, {"AB06", 45}, {"AB07", 46}, {"AB08", 43}, {"AB09", 47}, {"AB10", 44},
-        {"AB11", 94}, {"LSGT", 10}, {"SPCE", 49}, {"KP0", 82},  {"KP1", 83},  {"KP2", 84},  {"KP3", 85},
-        {"KP4", 86},  {"KP5", 87},  {"KP6", 88},  {"KP7", 89},  {"KP8", 91},  {"KP9", 92},  {"KPDL", 65},
-        {"KPMU", 67}, {"KPAD", 69}, {"NMLK", 71}, {"KPDV", 75}, {"KPEN", 76}, {"KPSU", 78}, {"KPEQ", 81},
-        {"KPDC", 95}, {"MUHE", 102}, {"HENK", 104},
-    };
-    return table;
-}
-
-struct KeysymKey {
-    std::uint16_t code;
-    char32_t character; // what the key types, 0 for none
-};
-
-// Keys that mean the same on every layout, by keysym: modifiers, editing, navigation and function keys. The
-// characters are the ones the stored vocabulary expects for these keys (control codes and the private-use
-// function-key characters).
-const std::map<KeySym, KeysymKey>& keysymKeys() {
-    static const std::map<KeySym, KeysymKey> table = {
-        {XK_Super_R, {54, 0}}, {XK_Super_L, {55, 0}}, {XK_Meta_R, {54, 0}}, {XK_Meta_L, {55, 0}},
-        {XK_Shift_L, {56, 0}}, {XK_Caps_Lock, {57, 0}}, {XK_Alt_L, {58, 0}}, {XK_Control_L, {59, 0}},
-        {XK_Shift_R, {60, 0}}, {XK_Alt_R, {61, 0}}, {XK_ISO_Level3_Shift, {61, 0}}, {XK_Control_R, {62, 0}},
-        {kKeysymFn, {63, 0}},
-        {XK_Return, {36, U'\r'}}, {XK_Tab, {48, U'\t'}}, {XK_ISO_Left_Tab, {48, U'\t'}},
-        {XK_BackSpace, {51, 0x7f}}, {XK_Escape, {53, 0x1b}},
-        {XK_F17, {64, 0xF714}}, {XK_F18, {79, 0xF715}}, {XK_F19, {80, 0xF716}}, {XK_F20, {90, 0xF717}},
-        {XK_F5, {96, 0xF708}}, {XK_F6, {97, 0xF709}}, {XK_F7, {98, 0xF70A}}, {XK_F3, {99, 0xF706}},
-        {XK_F8, {100, 0xF70B}}, {XK_F9, {101, 0xF70C}}, {XK_F11, {103, 0xF70E}}, {XK_F13, {105, 0xF710}},
-        {XK_F16, {106, 0xF713}}, {XK_F14, {107, 0xF711}}, {XK_F10, {109, 0xF70D}}, {XK_F12, {111, 0xF70F}},
-        {XK_F15, {113, 0xF712}}, {XK_Help, {114, 0xF746}}, {XK_Insert, {114, 0xF746}}, {XK_Home, {115, 0xF729}},
-        {XK_Prior, {116, 0xF72C}}, {XK_Delete, {117, 0xF728}}, {XK_F4, {118, 0xF707}}, {XK_End, {119, 0xF72B}},
-        {XK_F2, {120, 0xF705}}, {XK_Next, {121, 0xF72D}}, {XK_F1, {122, 0xF704}}, {XK_Left, {123, 0xF702}},
-        {XK_Right, {124, 0xF703}}, {XK_Down, {125, 0xF701}}, {XK_Up, {126, 0xF700}},
-    };
-    return table;
-}
-
-bool isModifierCode(std::uint16_t code) { return code >= 54 && code < 64; }
-
-// The text a keysym types, for the keysyms that have a character.
-std::optional<char32_t> keysymCharacter(KeySym sym) {
-    if ((sym >= 0x20 && sym <= 0x7e) || (sym >= 0xa0 && sym <= 0xff)) return static_cast<char32_t>(sym);
-    if (sym >= 0x01000100 && sym <= 0x0110ffff) return static_cast<char32_t>(sym - 0x01000000);
-    if (sym >= 0xffaa && sym <= 0xffb9) return static_cast<char32_t>(sym - 0xff80); // keypad digits and signs
-    if (sym == XK_KP_Equal) return U'=';
-    if (sym == XK_KP_Enter) return U'\x03';
-    if (sym == XK_KP_Space) return U' ';
-    if (sym >= 0x6c0 && sym <= 0x6ff) {
-        static constexpr char32_t lower[] = U"юабцдефгхийклмнопярстужвьызшэщчъ";
-        static constexpr char32_t upper[] = U"ЮАБЦДЕФГХИЙКЛМНОПЯРСТУЖВЬЫЗШЭЩЧЪ";
-        const auto index = static_cast<std::size_t>(sym & 0x1f);
-        return sym < 0x6e0 ? lower[index] : upper[index];
-    }
-    if (sym == XK_Cyrillic_io) return U'ё';
-    if (sym == XK_Cyrillic_IO) return U'Ё';
-    return std::nullopt;
-}
-
-std::string utf8(char32_t c) {
-    std::string out;
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-    return out;
-}
-
 // NSEvent button numbers against X buttons; 4 to 7 are the wheel.
 unsigned x11Button(std::int64_t buttonNumber) {
     if (buttonNumber == 0) return 1;
@@ -135,35 +50,6 @@ std::int64_t nsButton(unsigned button) {
     if (button == 3) return 1;
     if (button == 2) return 2;
     return static_cast<std::int64_t>(button) - 5;
-}
-
-// Xlib's error handler is process-wide. Errors of a checked request are captured by the thread that waits for
-// them; anything else is logged, never fatal.
-thread_local std::vector<XErrorEvent>* tCapture = nullptr;
-thread_local Display* tCaptureDisplay = nullptr;
-
-int onXError(Display* display, XErrorEvent* event) {
-    if (tCapture && display == tCaptureDisplay) {
-        tCapture->push_back(*event);
-        return 0;
-    }
-    char text[256] = {};
-    XGetErrorText(display, event->error_code, text, sizeof text);
-    logWarning("X11GlobalInput - X error " + std::to_string(event->error_code) + " (" + text + ") on request " +
-               std::to_string(event->request_code) + "." + std::to_string(event->minor_code));
-    return 0;
-}
-
-// The default handler of a lost connection ends the process; the per-display exit handler reports it instead.
-int onXIOError(Display*) { return 0; }
-
-void installErrorHandler() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        XInitThreads();
-        XSetErrorHandler(onXError);
-        XSetIOErrorHandler(onXIOError);
-    });
 }
 
 struct HotKey {
@@ -229,13 +115,7 @@ struct X11GlobalInput::Impl {
     // Runs `request` and waits for the server's answer; the errors it caused come back.
     template <typename F>
     std::vector<XErrorEvent> checkedLocked(F&& request) {
-        std::vector<XErrorEvent> errors;
-        tCapture = &errors;
-        tCaptureDisplay = display;
-        request();
-        XSync(display, False);
-        tCapture = nullptr;
-        tCaptureDisplay = nullptr;
+        auto errors = x11::checked(display, std::forward<F>(request));
         wakeReader(); // XSync may have queued events the reader has not seen
         return errors;
     }
@@ -260,35 +140,28 @@ struct X11GlobalInput::Impl {
         return result;
     }
 
-    void loadKeymapLocked() {
+    // Reads the keymap afresh; true when our keys moved or the lock and modifier masks changed, which is when the
+    // grabs must be made again.
+    bool loadKeymapLocked() {
         if (xkb) XkbFreeKeyboard(xkb, 0, True);
         xkb = XkbGetMap(display, XkbAllClientInfoMask, XkbUseCoreKbd);
         if (xkb) XkbGetNames(display, XkbKeyNamesMask, xkb);
-        codeOfX11.clear();
-        specialCharacterOfX11.clear();
-        int minCode = 8, maxCode = 255;
-        XDisplayKeycodes(display, &minCode, &maxCode);
-        for (int kc = minCode; kc <= maxCode; ++kc) {
-            const auto x11 = static_cast<unsigned>(kc);
-            const KeySym sym = XkbKeycodeToKeysym(display, static_cast<KeyCode>(kc), 0, 0);
-            if (auto it = keysymKeys().find(sym); sym != NoSymbol && it != keysymKeys().end()) {
-                codeOfX11[x11] = it->second.code;
-                if (it->second.character) specialCharacterOfX11[x11] = it->second.character;
-                continue;
-            }
-            if (xkb && xkb->names && xkb->names->keys && kc >= xkb->min_key_code && kc <= xkb->max_key_code) {
-                const char* raw = xkb->names->keys[kc].name;
-                const std::string name(raw, strnlen(raw, XkbKeyNameLength));
-                if (auto it = positionalKeys().find(name); it != positionalKeys().end()) codeOfX11[x11] = it->second;
-            }
-        }
+        auto tables = x11::buildKeyTables(display, xkb);
         const auto maskOf = [&](KeySym sym, unsigned fallback) {
             const unsigned mask = XkbKeysymToModifiers(display, sym);
             return mask ? mask : fallback;
         };
-        altMask = maskOf(XK_Alt_L, Mod1Mask);
-        superMask = maskOf(XK_Super_L, Mod4Mask);
-        numLockMask = XkbKeysymToModifiers(display, XK_Num_Lock);
+        const unsigned newAlt = maskOf(XK_Alt_L, Mod1Mask);
+        const unsigned newSuper = maskOf(XK_Super_L, Mod4Mask);
+        const unsigned newNumLock = XkbKeysymToModifiers(display, XK_Num_Lock);
+        const bool changed = tables.codeOfX11 != codeOfX11 || newAlt != altMask || newSuper != superMask ||
+                             newNumLock != numLockMask;
+        codeOfX11 = std::move(tables.codeOfX11);
+        specialCharacterOfX11 = std::move(tables.specialCharacterOfX11);
+        altMask = newAlt;
+        superMask = newSuper;
+        numLockMask = newNumLock;
+        return changed;
     }
 
     void findXtestDevicesLocked() {
@@ -522,41 +395,60 @@ struct X11GlobalInput::Impl {
     }
 
     // Reads everything Xlib holds or the socket has, and hands the events to the main loop in order.
+    //
+    // Every round trip made here (the keymap reload, the keyboard state of a key event, the device list) lets Xlib
+    // read further events off the socket into its own queue, where the reader's poll() never sees them: they would
+    // wait for the next unrelated event. The drain therefore only ends once Xlib's queue is empty after the last
+    // round trip. A keymap change is applied before the next key event of the same batch, so that event already
+    // reads the new keymap.
     void drainLocked() {
         if (dead) return;
         std::vector<GlobalInputEvent> events;
-        bool keymapChanged = false;
-        while (!dead && XPending(display) > 0) {
-            XEvent ev;
-            XNextEvent(display, &ev);
-            if (ev.type == GenericEvent && ev.xcookie.extension == xiOpcode) {
-                if (XGetEventData(display, &ev.xcookie)) {
-                    const int evtype = ev.xcookie.evtype;
-                    if (evtype == XI_RawKeyPress || evtype == XI_RawKeyRelease || evtype == XI_RawButtonPress ||
-                        evtype == XI_RawButtonRelease)
-                        handleRawLocked(*static_cast<XIRawEvent*>(ev.xcookie.data), evtype, events);
-                    else if (evtype == XI_HierarchyChanged)
-                        findXtestDevicesLocked();
-                    XFreeEventData(display, &ev.xcookie);
+        bool keymapStale = false;
+        bool regrab = false;
+        const auto refreshKeymap = [&] {
+            if (!keymapStale || dead) return;
+            keymapStale = false;
+            if (loadKeymapLocked()) regrab = true;
+        };
+        do {
+            while (!dead && XPending(display) > 0) {
+                XEvent ev;
+                XNextEvent(display, &ev);
+                if (ev.type == GenericEvent && ev.xcookie.extension == xiOpcode) {
+                    if (XGetEventData(display, &ev.xcookie)) {
+                        const int evtype = ev.xcookie.evtype;
+                        if (evtype == XI_RawKeyPress || evtype == XI_RawKeyRelease || evtype == XI_RawButtonPress ||
+                            evtype == XI_RawButtonRelease) {
+                            refreshKeymap();
+                            handleRawLocked(*static_cast<XIRawEvent*>(ev.xcookie.data), evtype, events);
+                        } else if (evtype == XI_HierarchyChanged) {
+                            findXtestDevicesLocked();
+                        }
+                        XFreeEventData(display, &ev.xcookie);
+                    }
+                } else if (ev.type == KeyPress || ev.type == KeyRelease) {
+                    refreshKeymap();
+                    handleGrabbedKeyLocked(ev.xkey, ev.type == KeyPress);
+                    handleCoreLocked(ev, events);
+                } else if (ev.type == ButtonPress || ev.type == ButtonRelease) {
+                    handleCoreLocked(ev, events);
+                } else if (ev.type == MappingNotify) {
+                    XRefreshKeyboardMapping(&ev.xmapping);
+                    keymapStale = true;
+                } else if (ev.type == xkbEventType) {
+                    const auto* xkbEvent = reinterpret_cast<const XkbAnyEvent*>(&ev);
+                    if (xkbEvent->xkb_type == XkbNewKeyboardNotify || xkbEvent->xkb_type == XkbMapNotify)
+                        keymapStale = true;
                 }
-            } else if (ev.type == KeyPress || ev.type == KeyRelease) {
-                handleGrabbedKeyLocked(ev.xkey, ev.type == KeyPress);
-                handleCoreLocked(ev, events);
-            } else if (ev.type == ButtonPress || ev.type == ButtonRelease) {
-                handleCoreLocked(ev, events);
-            } else if (ev.type == MappingNotify) {
-                XRefreshKeyboardMapping(&ev.xmapping);
-                keymapChanged = true;
-            } else if (ev.type == xkbEventType) {
-                const auto* xkbEvent = reinterpret_cast<const XkbAnyEvent*>(&ev);
-                if (xkbEvent->xkb_type == XkbNewKeyboardNotify || xkbEvent->xkb_type == XkbMapNotify)
-                    keymapChanged = true;
             }
-        }
-        if (keymapChanged && !dead) {
-            loadKeymapLocked();
-            regrabAllLocked();
-        }
+            refreshKeymap();
+            // Grabs hold X keycodes, which a new keymap only invalidates when it moves our keys or lock modifiers.
+            if (regrab && !dead) {
+                regrab = false;
+                regrabAllLocked();
+            }
+        } while (!dead && XEventsQueued(display, QueuedAlready) > 0);
         if (events.empty()) return;
         post([events = std::move(events)](MainSide& side) {
             for (const auto& event : events) {
@@ -571,11 +463,19 @@ struct X11GlobalInput::Impl {
 
     void readerLoop() {
         while (!stopping && !dead) {
-            pollfd fds[2] = {{ConnectionNumber(display), POLLIN, 0}, {wakePipe[0], POLLIN, 0}};
-            if (::poll(fds, 2, -1) < 0) continue;
-            if (fds[1].revents & POLLIN) {
-                char buffer[64];
-                [[maybe_unused]] auto n = ::read(wakePipe[0], buffer, sizeof buffer);
+            // Events that another thread's round trip read into Xlib's queue are not on the socket any more.
+            bool queued = false;
+            {
+                std::lock_guard lock(mutex);
+                queued = !dead && XEventsQueued(display, QueuedAlready) > 0;
+            }
+            if (!queued) {
+                pollfd fds[2] = {{ConnectionNumber(display), POLLIN, 0}, {wakePipe[0], POLLIN, 0}};
+                if (::poll(fds, 2, -1) < 0) continue;
+                if (fds[1].revents & POLLIN) {
+                    char buffer[64];
+                    [[maybe_unused]] auto n = ::read(wakePipe[0], buffer, sizeof buffer);
+                }
             }
             if (stopping) break;
             std::lock_guard lock(mutex);
@@ -594,7 +494,7 @@ struct X11GlobalInput::Impl {
 };
 
 X11GlobalInput::X11GlobalInput(MainLoop& loop, const std::string& displayName) : impl_(std::make_unique<Impl>(loop)) {
-    installErrorHandler();
+    x11::installErrorHandlers();
     auto& d = *impl_;
     d.display = XOpenDisplay(displayName.empty() ? nullptr : displayName.c_str());
     if (!d.display) {
@@ -718,6 +618,7 @@ void X11GlobalInput::ungrabButton(std::int64_t buttonNumber) {
     std::lock_guard lock(d.mutex);
     XUngrabButton(d.display, x11Button(buttonNumber), AnyModifier, d.root);
     XFlush(d.display);
+    d.wakeReader(); // a blocked write lets Xlib read events into its queue
 }
 
 std::variant<HotKeyId, Error> X11GlobalInput::registerHotKey(const KeyCombination& combination,
@@ -750,6 +651,7 @@ void X11GlobalInput::unregisterHotKey(HotKeyId id) {
     d.hotKeys.erase(it);
     d.ungrabHotKeyLocked(removed);
     XFlush(d.display);
+    d.wakeReader(); // a blocked write lets Xlib read events into its queue
 }
 
 std::optional<Error> X11GlobalInput::grabKeyboard() {
@@ -772,6 +674,7 @@ void X11GlobalInput::ungrabKeyboard() {
     std::lock_guard lock(d.mutex);
     XUngrabKeyboard(d.display, CurrentTime);
     XFlush(d.display);
+    d.wakeReader(); // a blocked write lets Xlib read events into its queue
 }
 
 int X11GlobalInput::currentInputSource() const {

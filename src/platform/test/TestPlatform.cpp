@@ -160,6 +160,13 @@ bool TestPlatform::activate(const RunningApplication& app, unsigned options) {
 }
 
 void TestPlatform::activateSelf() { record("activateSelf"); }
+
+void TestPlatform::activateApplication(std::optional<RunningApplication> app) {
+    if (app) frontmost = app;
+    loop_.post([this, app = std::move(app)] {
+        if (activationHandler_) activationHandler_(app);
+    });
+}
 void TestPlatform::play(const std::string& name) { record("sound:" + name); }
 void TestPlatform::setImage(const std::string& name) { record("statusImage:" + name); }
 

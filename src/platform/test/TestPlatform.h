@@ -50,6 +50,7 @@ private:
 
 class TestPlatform final : public Clock,
                            public Workspace,
+                           public WorkspaceNotifications,
                            public SoundPlayer,
                            public InputDeviceLevels,
                            public StatusImage,
@@ -82,6 +83,10 @@ public:
     std::optional<RunningApplication> frontmostApplication() const override { return frontmost; }
     bool activate(const RunningApplication& app, unsigned options) override;
     void activateSelf() override;
+    // Workspace notifications: the test makes an application the active one (or reports an activation without
+    // one); the handler runs on the loop, as the desktop's notice would.
+    void setDidActivateApplicationHandler(ActivationHandler handler) override { activationHandler_ = std::move(handler); }
+    void activateApplication(std::optional<RunningApplication> app);
 
     // Sounds, status image, system log
     void play(const std::string& name) override;
@@ -122,6 +127,7 @@ private:
     mutable std::mutex callsMutex_;
     std::vector<std::string> calls_;
     std::vector<std::pair<SystemLogType, std::string>> systemLog_;
+    ActivationHandler activationHandler_;
 };
 
 // Collects log lines in memory; installs itself as the process sink for its lifetime.

@@ -1,0 +1,79 @@
+#include "text/ClipboardHelper.h"
+
+#include "diagnostics/Log.h"
+#include "store/AppConstants.h"
+#include "text/SyntheticKeystrokes.h"
+
+namespace sprelio {
+
+ClipboardHelper::ClipboardHelper(ClipboardHelperDependencies dependencies) : deps_(std::move(dependencies)) {}
+
+ClipboardHelper::~ClipboardHelper() { *alive_ = false; }
+
+void ClipboardHelper::setString(const std::optional<std::string>& text, const std::string& caller) {
+    // The text itself is the user's: the line says whether there was one, never what it was.
+    logInfo("ClipboardHelper.setString() - caller: " + caller + " - setting clipboard to " +
+            (text ? std::string(kPrivatized) : std::string("nil")));
+    if (text) {
+        if (!deps_.clipboard.setString(*text))
+            logError("ClipboardHelper.setString() - the clipboard could not be set (caller: " + caller + ")");
+    } else {
+        deps_.clipboard.clearContents();
+    }
+}
+
+void ClipboardHelper::getString(std::function<void(std::string)> completion) {
+    std::weak_ptr<bool> alive = alive_;
+    deps_.clipboard.readString([alive, completion = std::move(completion)](std::optional<std::string> text) {
+        if (alive.expired()) return;
+        completion(text.value_or(""));
+    });
+}
+
+void ClipboardHelper::getSelectedTextFromFrontmostApp(std::function<void(std::optional<std::string>)> completion) {
+    if (!deps_.accessibilityTrusted || !deps_.accessibilityTrusted()) {
+        logError("getSelectedTextFromFrontmostApp() - error: need Accessibility permissions");
+        deps_.loop.post([completion = std::move(completion)] { completion(std::nullopt); });
+        return;
+    }
+    const auto front = deps_.workspace.frontmostApplication();
+    if (!front || front->processIdentifier <= 0) {
+        logError("getSelectedTextFromFrontmostApp() - error: failed to get focused application");
+        deps_.loop.post([completion = std::move(completion)] { completion(std::nullopt); });
+        return;
+    }
+    const pid_t focused = front->processIdentifier;
+    std::weak_ptr<bool> alive = alive_;
+    deps_.clipboard.readSelectedText(
+        [alive, focused, completion = std::move(completion)](std::optional<platform::SelectedText> selected) {
+            if (alive.expired()) return;
+            // A selection held by another application is not the focused application's selection.
+            if (!selected || selected->ownerProcessIdentifier != focused) {
+                logError("getSelectedTextFromFrontmostApp() - error: failed to get selected text");
+                completion(std::nullopt);
+                return;
+            }
+            if (selected->text.empty()) {
+                completion(std::nullopt);
+                return;
+            }
+            completion(std::move(selected->text));
+        });
+}
+
+void ClipboardHelper::getStringWithCommandC(std::function<void(std::optional<std::string>)> completion) {
+    const auto front = deps_.workspace.frontmostApplication();
+    const std::string name = front && front->localizedName ? *front->localizedName : "";
+    const std::uint64_t flags = deps_.constants.prefersPasteAndMatchStyle(name) ? kTerminalCopyFlags : kCopyFlags;
+    postKeyEventsReleasingHeldModifiers(deps_.keyboard, {{kKeyC, true, flags}, {kKeyC, false, flags}});
+    std::weak_ptr<bool> alive = alive_;
+    deps_.loop.postAfter(kCopyWait, [this, alive, completion = std::move(completion)]() mutable {
+        if (alive.expired()) return;
+        deps_.clipboard.readString([alive, completion = std::move(completion)](std::optional<std::string> text) {
+            if (alive.expired()) return;
+            completion(std::move(text));
+        });
+    });
+}
+
+} // namespace sprelio
