@@ -25,7 +25,8 @@ public:
     // The placement task: picks the screen and position and draws the overlay. It runs as a task of its own and
     // leaves a dictation overlay out when the application is idle by then, unless `force` is set.
     virtual void placeOverlay(OverlayType type, bool force) = 0;
-    // Clears the overlay of every panel and forgets the position used during the dictation.
+    // Clears the overlay of every panel. The position used during a dictation is forgotten once the application is
+    // idle again; between the stages of one dictation it is kept, so that the next stage appears at the same place.
     virtual void clearOverlays() = 0;
     virtual void refreshPanels() = 0;
     virtual std::size_t panelCount() const = 0;
