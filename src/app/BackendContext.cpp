@@ -19,6 +19,13 @@ void persistItems(const std::vector<Item>& items, const std::filesystem::path& p
 
 } // namespace
 
+void keepAccountListsOnDisk(LoginResourceService& account, const store::AppConstants& constants) {
+    const auto serversFile = constants.aiServerItemsFile();
+    const auto modelsFile = constants.aiModelItemsFile();
+    account.onAIServers = [serversFile](const std::vector<AIServerItem>& items) { persistItems(items, serversFile); };
+    account.onAIModels = [modelsFile](const std::vector<AIModelItem>& items) { persistItems(items, modelsFile); };
+}
+
 BackendContext::BackendContext(AppEnvironment& env, std::ostream& err)
     : env_(env), toasts_(err),
       messages_(platform::Platform{loop_, workers_, clock_, workspace_, sounds_, inputLevels_, statusImage_,
@@ -53,10 +60,7 @@ bool BackendContext::start(std::string& error) {
                                             false};
     account_ = std::make_unique<LoginResourceService>(std::move(deps));
     balancing_->setService(account_.get());
-    const auto serversFile = env_.constants().aiServerItemsFile();
-    const auto modelsFile = env_.constants().aiModelItemsFile();
-    account_->onAIServers = [serversFile](const std::vector<AIServerItem>& items) { persistItems(items, serversFile); };
-    account_->onAIModels = [modelsFile](const std::vector<AIModelItem>& items) { persistItems(items, modelsFile); };
+    keepAccountListsOnDisk(*account_, env_.constants());
     return true;
 }
 

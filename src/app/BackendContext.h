@@ -28,6 +28,9 @@
 
 namespace sprelio::app {
 
+// The AI servers and models of each account answer go to their list files in the support folder.
+void keepAccountListsOnDisk(LoginResourceService& account, const store::AppConstants& constants);
+
 class BackendContext {
 public:
     BackendContext(AppEnvironment& env, std::ostream& err);

@@ -130,14 +130,9 @@ int settingsCommand(const std::vector<std::string>& args, std::ostream& out, std
 
 } // namespace
 
-int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
-    if (args.size() <= 1) {
-        // The desktop shell is not part of this build yet; say so rather than exit silently.
-        out << "Sprelio " << build::kVersion
-            << ": the desktop application is not part of this build yet. The command line works:\n\n"
-            << kUsage;
-        return 0;
-    }
+int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err,
+                   const std::function<int()>& startDesktop) {
+    if (args.size() <= 1) return startDesktop ? startDesktop() : 0;
     const std::string& command = args[1];
     if (command == "--help" || command == "-h" || command == "help") {
         out << kUsage;

@@ -3,13 +3,11 @@
 #include "core/AppDelegate.h"
 #include "diagnostics/Log.h"
 #include "store/AppConstants.h"
-#include "store/PointText.h"
 #include "store/Settings.h"
 
 namespace sprelio {
 
 namespace {
-constexpr int kEscapeKeyCode = 53;
 std::string boolText(bool value) { return value ? "true" : "false"; }
 } // namespace
 
@@ -22,13 +20,6 @@ void AppLifecycle::post(std::function<void()> task) {
     deps_.loop.post([alive, task = std::move(task)] {
         if (auto a = alive.lock(); a && *a) task();
     });
-}
-
-std::string AppLifecycle::preferencesControllerWindowTitle() const { return deps_.constants.appName() + " Settings"; }
-std::string AppLifecycle::contentViewWindowTitle() const { return deps_.constants.appName() + " Main"; }
-std::string AppLifecycle::tutorialControllerWindowTitle() const { return deps_.constants.appName() + " Tutorial"; }
-std::string AppLifecycle::intelligenceResultsControllerWindowTitle() const {
-    return deps_.constants.appName() + " Results";
 }
 
 void AppLifecycle::initialize() {
@@ -67,8 +58,8 @@ void AppLifecycle::applicationDidFinishLaunching() {
     call(deps_.callOpenSettingsAction);
     call(deps_.startUpdater);
     post([this] {
-        deps_.windows.setActivationPolicy(deps_.settings.appShowDockIcon());
-        deps_.windows.activateIgnoringOtherApps();
+        deps_.shell.setActivationPolicy(deps_.settings.appShowDockIcon());
+        deps_.shell.activateIgnoringOtherApps();
         // The button is the one overlay that shows at idle, hence forced.
         if (deps_.settings.floatingButtonActivation()) deps_.appDelegate.showOverlay(OverlayType::button, true);
     });
@@ -121,91 +112,17 @@ void AppLifecycle::applicationDidBecomeActive() {
     post([this] { logInfo("applicationDidBecomeActive() - appFinishedLaunching: " + boolText(appFinishedLaunching_)); });
 }
 
-bool AppLifecycle::applicationShouldHandleReopen(bool hasVisibleWindows) {
-    logInfo("applicationShouldHandleReopen() - hasVisibleWindows: " + boolText(hasVisibleWindows));
-    post([this] { openTab(deps_.appState.selectedContentViewTab()); });
-    return !deps_.windows.hasMainWindow();
-}
-
 void AppLifecycle::applicationWillTerminate() {
     logInfo("applicationWillTerminate() - aNotification: NSApplicationWillTerminateNotification");
     deps_.appDelegate.removeOverlay(false, false);
 }
 
 void AppLifecycle::quitFromMenu() {
-    logInfo("setupMenuActionHandling() - .quit, calling NSApp.terminate(nil)");
+    // The menu's handler has logged the choice.
     userPressedQuit_ = true;
     logInfo("applicationShouldTerminate() - sender: AppMenuBar");
     applicationWillTerminate();
     call(deps_.terminate);
-}
-
-void AppLifecycle::openTab(ContentViewTab tab) {
-    deps_.appState.setSelectedContentViewTab(tab);
-    deps_.realtimeMirror.setSelectedContentViewTab(tab);
-    if (tab == ContentViewTab::history && scrollHistoryToTop) scrollHistoryToTop();
-    deps_.windows.prepareMainWindow(tab);
-    restoreAndShowWindow();
-}
-
-void AppLifecycle::restoreAndShowWindow() {
-    if (!deps_.windows.hasMainWindow()) {
-        logWarning("restoreAndShowWindow() - window is nil");
-        return;
-    }
-    auto bringForward = [this] {
-        deps_.appDelegate.capturePreviouslyActiveAppIfNeeded();
-        deps_.windows.activateIgnoringOtherApps();
-        deps_.windows.makeMainWindowKeyAndOrderFront();
-    };
-    if (!deps_.windows.isMainWindowMiniaturized()) {
-        bringForward();
-        return;
-    }
-    deps_.windows.deminiaturizeMainWindow();
-    std::weak_ptr<bool> alive = alive_;
-    deps_.loop.postAfter(std::chrono::milliseconds(100), [alive, bringForward] {
-        if (auto a = alive.lock(); a && *a) bringForward();
-    });
-}
-
-bool AppLifecycle::keyDown(int keyCode) {
-    if (keyCode != kEscapeKeyCode) return false;
-    logInfo("AppDelegate.keyDown() - escape pressed");
-    bool closed = false;
-    if (deps_.windows.hasMainWindow() && deps_.windows.isMainWindowKey()) {
-        logInfo("AppDelegate.keyDown() - closing mainWindow");
-        deps_.windows.closeMainWindow();
-        closed = true;
-    } else if (deps_.windows.isTutorialWindowKey()) {
-        logInfo("AppDelegate.keyDown() - closing tutorialViewController window");
-        deps_.windows.closeTutorialWindow();
-        closed = true;
-    } else {
-        logInfo("AppDelegate.keyDown() - no window to close");
-    }
-    // Focus goes back to where the user was before our window came forward.
-    post([this] { deps_.appDelegate.restoreFocusToPreviouslyActiveApp(); });
-    return closed;
-}
-
-void AppLifecycle::handleWindowClose(const std::string& title, const std::optional<platform::Rect>& frame,
-                                     bool screenWithMouse) {
-    if (!frame || !screenWithMouse) {
-        logWarning("handleWindowClose() - unable to get screen with mouse or window information, frame not saved");
-        return;
-    }
-    if (title == tutorialControllerWindowTitle()) {
-        logInfo("handleWindowClose() - saving Tutorial window frame as " + store::RectText::format(*frame));
-        deps_.settings.setTutorialViewFrame(*frame);
-    } else if (title == intelligenceResultsControllerWindowTitle()) {
-        logInfo("handleWindowClose() - saving IntelligenceResults window frame as " + store::RectText::format(*frame));
-        deps_.settings.setIntelligenceResultsViewFrame(*frame);
-    } else {
-        logInfo("handleWindowClose() - unknown window title " + title +
-                ", frame not saved (this is not an error and only indicates we are not persisting window frames for "
-                "this window type)");
-    }
 }
 
 } // namespace sprelio

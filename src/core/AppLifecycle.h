@@ -1,7 +1,7 @@
 #pragma once
 // The application's life around the dictations: construction, the launch in its fixed order, the reactions to
-// wake, screen changes, reopening and quit, the escape key, window frames and opening a tab. What each step
-// touches (windows, tray, managers) is handed in, so the order itself is plain logic.
+// wake, screen changes and quit. Its windows (opening a tab, reopening, Escape, frames) are AppWindows'. What each
+// step touches (tray, overlay, managers) is handed in, so the order itself is plain logic.
 #include <functional>
 #include <optional>
 #include <string>
@@ -19,20 +19,10 @@ class AppConstants;
 
 class AppDelegate;
 
-// The windows of the desktop shell, as the life cycle needs them.
-class ShellWindows {
+// What the launch asks of the desktop shell beyond its windows (those are AppWindows').
+class ShellActivation {
 public:
-    virtual ~ShellWindows() = default;
-    virtual bool hasMainWindow() const = 0;
-    // Makes it when there is none; shows the tab. The window is not brought forward by this.
-    virtual void prepareMainWindow(ContentViewTab tab) = 0;
-    virtual bool isMainWindowKey() const = 0;
-    virtual bool isMainWindowMiniaturized() const = 0;
-    virtual void deminiaturizeMainWindow() = 0;
-    virtual void makeMainWindowKeyAndOrderFront() = 0;
-    virtual void closeMainWindow() = 0;
-    virtual bool isTutorialWindowKey() const = 0;
-    virtual void closeTutorialWindow() = 0;
+    virtual ~ShellActivation() = default;
     // Regular (with a taskbar entry) or accessory (tray only).
     virtual void setActivationPolicy(bool regular) = 0;
     virtual void activateIgnoringOtherApps() = 0;
@@ -45,7 +35,7 @@ struct AppLifecycleDependencies {
     AppState& appState;
     AppStateRealtimeMirror& realtimeMirror;
     AppDelegate& appDelegate;
-    ShellWindows& windows;
+    ShellActivation& shell;
     const platform::Screens& screens;
 
     // The launch steps that belong to other subsystems, in the order they are called.
@@ -75,8 +65,6 @@ struct AppLifecycleDependencies {
 
 class AppLifecycle {
 public:
-    static constexpr const char* kMainWindowWord = "Settings";
-
     explicit AppLifecycle(AppLifecycleDependencies dependencies);
     ~AppLifecycle();
 
@@ -90,28 +78,9 @@ public:
     void handleSystemWake(const std::string& name);
     void handleScreenParametersChanged(const std::string& name);
     void applicationDidBecomeActive();
-    // True when the shell should make the main window itself (there is none).
-    bool applicationShouldHandleReopen(bool hasVisibleWindows);
     void applicationWillTerminate();
     void quitFromMenu();
     bool userPressedQuit() const { return userPressedQuit_; }
-
-    // Opens the main window on a tab: the show actions and the status menu.
-    void openTab(ContentViewTab tab);
-    void restoreAndShowWindow();
-    // The local key monitor; true when the event was consumed.
-    bool keyDown(int keyCode);
-    // A window is closing: its title decides which frame is kept.
-    void handleWindowClose(const std::string& title, const std::optional<platform::Rect>& frame, bool screenWithMouse);
-
-    // The window titles: application name, a blank and the window's word.
-    std::string preferencesControllerWindowTitle() const;
-    std::string contentViewWindowTitle() const;
-    std::string tutorialControllerWindowTitle() const;
-    std::string intelligenceResultsControllerWindowTitle() const;
-
-    // Called with every opened tab; the history tab scrolls to its top.
-    std::function<void()> scrollHistoryToTop;
 
 private:
     void post(std::function<void()> task);

@@ -71,27 +71,48 @@ void AppShortcutSession::copyTextAndAskAI(const UserShortcutPtr& shortcut) {
     post([this, shortcut] { copyTextAndAskAIMain(shortcut); });
 }
 
+ClipboardAccess::TextCompletion AppShortcutSession::guarded(ClipboardAccess::TextCompletion completion) {
+    std::weak_ptr<bool> alive = alive_;
+    return [alive, completion = std::move(completion)](std::optional<std::string> text) {
+        if (auto token = alive.lock(); token && *token) completion(std::move(text));
+    };
+}
+
 void AppShortcutSession::copyTextAndAskAIMain(const UserShortcutPtr& shortcut) {
     const auto& clipboard = deps_.clipboard;
-    const std::optional<std::string> clipboardText = clipboard.getString ? clipboard.getString() : std::nullopt;
-    logInfo(".copyTextAndAskAI{} - clipboardText: " + std::string(kPrivatized));
+    const auto withSelection = [this, shortcut](std::optional<std::string> clipboardText) {
+        logInfo(".copyTextAndAskAI{} - clipboardText: " + std::string(kPrivatized));
+        const auto& clipboard = deps_.clipboard;
+        auto fromCommandC = [this, shortcut, clipboardText](std::optional<std::string> selectedText) {
+            if (selectedText)
+                logInfo(".copyTextAndAskAI{} - selectedText : " + std::string(kPrivatized) +
+                        " ( from getStringWithCommandC() )");
+            else
+                logInfo(".copyTextAndAskAI{} - selectedText : NIL");
+            copyTextAndAskAIWithTexts(shortcut, clipboardText, selectedText);
+        };
+        auto fromSelection = [this, shortcut, clipboardText, fromCommandC](std::optional<std::string> selectedText) {
+            if (selectedText) {
+                logInfo(".copyTextAndAskAI{} - selectedText : " + std::string(kPrivatized) +
+                        " ( from getSelectedTextFromFrontmostApp() )");
+                copyTextAndAskAIWithTexts(shortcut, clipboardText, selectedText);
+                return;
+            }
+            if (deps_.clipboard.getStringWithCommandC) deps_.clipboard.getStringWithCommandC(guarded(fromCommandC));
+            else fromCommandC(std::nullopt);
+        };
+        if (clipboard.getSelectedTextFromFrontmostApp) clipboard.getSelectedTextFromFrontmostApp(guarded(fromSelection));
+        else fromSelection(std::nullopt);
+    };
+    if (clipboard.getString) clipboard.getString(guarded(withSelection));
+    else withSelection(std::nullopt);
+}
 
-    std::optional<std::string> selectedText =
-        clipboard.getSelectedTextFromFrontmostApp ? clipboard.getSelectedTextFromFrontmostApp() : std::nullopt;
-    if (selectedText) {
-        logInfo(".copyTextAndAskAI{} - selectedText : " + std::string(kPrivatized) +
-                " ( from getSelectedTextFromFrontmostApp() )");
-    } else {
-        selectedText = clipboard.getStringWithCommandC ? clipboard.getStringWithCommandC() : std::nullopt;
-        if (selectedText)
-            logInfo(".copyTextAndAskAI{} - selectedText : " + std::string(kPrivatized) +
-                    " ( from getStringWithCommandC() )");
-        else
-            logInfo(".copyTextAndAskAI{} - selectedText : NIL");
-    }
-
+void AppShortcutSession::copyTextAndAskAIWithTexts(const UserShortcutPtr& shortcut,
+                                                   const std::optional<std::string>& clipboardText,
+                                                   const std::optional<std::string>& selectedText) {
     // The copy command replaced the clipboard; the user's own text goes back first.
-    if (clipboard.setString) clipboard.setString(clipboardText.value_or(""), "keyDownAction");
+    if (deps_.clipboard.setString) deps_.clipboard.setString(clipboardText.value_or(""), "keyDownAction");
 
     const auto itemId = shortcut ? shortcut->intelligenceActionItemIdString() : std::nullopt;
     if (!itemId) {

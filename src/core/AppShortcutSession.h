@@ -24,12 +24,14 @@ class HistoryManager;
 class IntelligenceViewModel;
 class MessageCenter;
 
-// The clipboard as the copy action needs it; the text-delivery layer provides it.
+// The clipboard as the copy action needs it; the text-delivery layer provides it. Reading takes round trips to
+// other applications, so the answers come back through completions on the main loop.
 struct ClipboardAccess {
-    std::function<std::optional<std::string>()> getString;
+    using TextCompletion = std::function<void(std::optional<std::string>)>;
+    std::function<void(TextCompletion)> getString;
     std::function<void(const std::string& text, const std::string& caller)> setString;
-    std::function<std::optional<std::string>()> getSelectedTextFromFrontmostApp;
-    std::function<std::optional<std::string>()> getStringWithCommandC;
+    std::function<void(TextCompletion)> getSelectedTextFromFrontmostApp;
+    std::function<void(TextCompletion)> getStringWithCommandC;
 };
 
 struct AppShortcutSessionDependencies {
@@ -71,6 +73,10 @@ public:
 
 private:
     void copyTextAndAskAIMain(const UserShortcutPtr& shortcut);
+    void copyTextAndAskAIWithTexts(const UserShortcutPtr& shortcut, const std::optional<std::string>& clipboardText,
+                                   const std::optional<std::string>& selectedText);
+    // A completion that is dropped when this object is gone by the time it is called.
+    ClipboardAccess::TextCompletion guarded(ClipboardAccess::TextCompletion completion);
     void transcribeLastMain(const UserShortcutPtr& shortcut);
     void post(std::function<void()> task);
 

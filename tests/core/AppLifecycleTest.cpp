@@ -1,4 +1,4 @@
-// Launch order, wake and screen changes, reopen, escape, window frames and opening a tab.
+// Launch order, wake and screen changes, the network state.
 #include <gtest/gtest.h>
 
 #include "SessionFakes.h"
@@ -16,44 +16,16 @@ using namespace sprelio::testing;
 
 namespace {
 
-class FakeWindows final : public ShellWindows {
+class FakeShell final : public ShellActivation {
 public:
-    bool hasMainWindow() const override { return exists; }
-    void prepareMainWindow(ContentViewTab tab) override {
-        exists = true;
-        shownTabs.push_back(tab);
-    }
-    bool isMainWindowKey() const override { return exists && key; }
-    bool isMainWindowMiniaturized() const override { return miniaturized; }
-    void deminiaturizeMainWindow() override {
-        miniaturized = false;
-        calls.push_back("deminiaturize");
-    }
-    void makeMainWindowKeyAndOrderFront() override {
-        key = true;
-        calls.push_back("front");
-    }
-    void closeMainWindow() override {
-        exists = false;
-        key = false;
-        calls.push_back("closeMain");
-    }
-    bool isTutorialWindowKey() const override { return tutorialKey; }
-    void closeTutorialWindow() override {
-        tutorialKey = false;
-        calls.push_back("closeTutorial");
-    }
     void setActivationPolicy(bool regular) override { calls.push_back(regular ? "policy:regular" : "policy:accessory"); }
     void activateIgnoringOtherApps() override { calls.push_back("activate"); }
-
-    bool exists = false, key = false, miniaturized = false, tutorialKey = false;
-    std::vector<ContentViewTab> shownTabs;
     std::vector<std::string> calls;
 };
 
 struct LifecycleHarness : SessionHarness {
     platform::test::RecordingLogSink logs;
-    FakeWindows windows;
+    FakeShell windows;
     std::vector<std::string> steps;
     bool overlayControllerExists = false;
 
@@ -178,69 +150,6 @@ TEST(AppLifecycle, AScreenChangeRedrawsTheButtonWithoutMovingFocus) {
     EXPECT_EQ(h.overlay.placed.back(), std::make_pair(OverlayType::button, true)) << "forced";
     for (std::size_t i = activationsBefore; i < h.tp.calls().size(); ++i)
         EXPECT_EQ(h.tp.calls()[i].rfind("activate", 0), std::string::npos) << h.tp.calls()[i];
-}
-
-TEST(AppLifecycle, ReopenShowsTheSelectedTabAndAsksForAWindowOnlyWhenThereIsNone) {
-    LifecycleHarness h;
-    h.appState.setSelectedContentViewTab(ContentViewTab::substitutions);
-    EXPECT_TRUE(h.lifecycle.applicationShouldHandleReopen(false));
-    h.run();
-    EXPECT_EQ(h.windows.shownTabs, std::vector<ContentViewTab>{ContentViewTab::substitutions});
-    EXPECT_FALSE(h.lifecycle.applicationShouldHandleReopen(true)) << "the window exists now";
-    h.run();
-    EXPECT_EQ(h.windows.calls.back(), "front");
-}
-
-TEST(AppLifecycle, OpeningATabBringsTheWindowForwardAndAMiniaturizedOneAfterATenthOfASecond) {
-    LifecycleHarness h;
-    int scrolls = 0;
-    h.lifecycle.scrollHistoryToTop = [&] { ++scrolls; };
-    h.lifecycle.openTab(ContentViewTab::history);
-    EXPECT_EQ(h.appState.selectedContentViewTab(), ContentViewTab::history);
-    EXPECT_EQ(h.mirror.selectedContentViewTab(), ContentViewTab::history);
-    EXPECT_EQ(scrolls, 1);
-    EXPECT_EQ(h.windows.calls, (std::vector<std::string>{"activate", "front"}));
-
-    h.windows.calls.clear();
-    h.windows.miniaturized = true;
-    h.lifecycle.openTab(ContentViewTab::about);
-    EXPECT_EQ(scrolls, 1);
-    EXPECT_EQ(h.windows.calls, std::vector<std::string>{"deminiaturize"});
-    h.tp.advance(99ms);
-    EXPECT_EQ(h.windows.calls.size(), 1u);
-    h.tp.advance(1ms);
-    EXPECT_EQ(h.windows.calls, (std::vector<std::string>{"deminiaturize", "activate", "front"}));
-}
-
-TEST(AppLifecycle, EscapeClosesOurKeyWindowAndOtherwisePassesOn) {
-    LifecycleHarness h;
-    EXPECT_FALSE(h.lifecycle.keyDown(0)) << "other keys pass unchanged";
-    EXPECT_TRUE(h.logs.lines().empty());
-    EXPECT_FALSE(h.lifecycle.keyDown(53)) << "no window of ours is key";
-    EXPECT_TRUE(h.logs.contains("AppDelegate.keyDown() - no window to close"));
-    h.windows.exists = h.windows.key = true;
-    EXPECT_TRUE(h.lifecycle.keyDown(53));
-    EXPECT_FALSE(h.windows.exists);
-    h.windows.tutorialKey = true;
-    EXPECT_TRUE(h.lifecycle.keyDown(53));
-    EXPECT_EQ(h.windows.calls, (std::vector<std::string>{"closeMain", "closeTutorial"}));
-}
-
-TEST(AppLifecycle, ClosingAWindowKeepsTheFramesOfTheTwoWindowsThatRememberThem) {
-    LifecycleHarness h;
-    const platform::Rect frame{100, 200, 640, 480};
-    h.lifecycle.handleWindowClose(h.lifecycle.tutorialControllerWindowTitle(), frame, true);
-    EXPECT_EQ(h.settings.tutorialViewFrame(), frame);
-    h.lifecycle.handleWindowClose(h.lifecycle.intelligenceResultsControllerWindowTitle(), frame, true);
-    EXPECT_EQ(h.settings.intelligenceResultsViewFrame(), frame);
-    h.lifecycle.handleWindowClose(h.lifecycle.contentViewWindowTitle(), frame, true);
-    EXPECT_TRUE(h.logs.containsPrefix("handleWindowClose() - unknown window title Sprelio Main, frame not saved"));
-    h.settings.setTutorialViewFrame(std::nullopt);
-    h.lifecycle.handleWindowClose(h.lifecycle.tutorialControllerWindowTitle(), frame, false);
-    EXPECT_EQ(h.settings.tutorialViewFrame(), std::nullopt);
-    EXPECT_TRUE(h.logs.contains(
-        "handleWindowClose() - unable to get screen with mouse or window information, frame not saved",
-        LogLevel::warning));
 }
 
 TEST(CleanupShortcutsByUserDefaults, RemovesTheHotkeysOfShortcutsNoLongerStored) {

@@ -4,6 +4,7 @@
 
 #include "SessionFakes.h"
 #include "ai/IntelligenceItems.h"
+#include "audio/ContinuousSpeechUnavailable.h"
 #include "core/AppShortcutSession.h"
 #include "core/SessionShortcutBuilder.h"
 #include "platform/test/TemporaryFolder.h"
@@ -32,16 +33,19 @@ struct ShortcutSessionHarness : SessionHarness {
     AppShortcutSession session{AppShortcutSessionDependencies{
         tp.loop(), appState, settings, persistence.container().viewContext(), messages, intelligence,
         continuousSpeech, history,
-        ClipboardAccess{[this] { return clipboard; },
+        // Every read answers later on the loop, as reads from other applications do.
+        ClipboardAccess{[this](ClipboardAccess::TextCompletion done) { answerLater(std::move(done), clipboard); },
                         [this](const std::string& text, const std::string& caller) {
                             clipboard = text;
                             clipboardWriters.push_back(caller);
                         },
-                        [this] { return primarySelection; },
-                        [this] {
+                        [this](ClipboardAccess::TextCompletion done) {
+                            answerLater(std::move(done), primarySelection);
+                        },
+                        [this](ClipboardAccess::TextCompletion done) {
                             // A copy command replaces the clipboard, as the real one does.
                             if (commandCSelection) clipboard = commandCSelection;
-                            return commandCSelection;
+                            answerLater(std::move(done), commandCSelection);
                         }},
         [this] { return shared; },
         [this](bool down, ShortcutAction action, std::optional<std::string> item, ShortcutSession::UserShortcutPtr) {
@@ -53,6 +57,10 @@ struct ShortcutSessionHarness : SessionHarness {
         },
         [this](ContentViewTab tab) { openedTabs.push_back(tab); }}};
     ShortcutActions actions{session, [] { return 10; }};
+
+    void answerLater(ClipboardAccess::TextCompletion done, std::optional<std::string> text) {
+        tp.loop().post([done = std::move(done), text = std::move(text)] { done(text); });
+    }
 
     std::string lastStatusImage() const {
         std::string last;
@@ -238,6 +246,24 @@ TEST(ContinuousVoiceToText, StartsFromIdleAndForcesAnyOtherStateBackToIdle) {
     h.run();
     EXPECT_EQ(h.app.appStatus(), AppActivity::idle);
     EXPECT_EQ(h.recorder().stopCalls, 0);
+}
+
+TEST(ContinuousVoiceToText, WhileTheModeIsMissingThePressSaysSoAndTheSessionIsIdleAgain) {
+    SessionHarness h;
+    platform::test::TemporaryFolder folder{"sprelio-continuous"};
+    store::PersistenceController persistence{folder.path()};
+    std::unique_ptr<AppShortcutSession> session;
+    ContinuousSpeechUnavailable unavailable(h.tp.loop(), h.messages, [&] { session->continuousVoiceToText(); });
+    session = std::make_unique<AppShortcutSession>(AppShortcutSessionDependencies{
+        h.tp.loop(), h.appState, h.settings, persistence.container().viewContext(), h.messages, h.intelligence,
+        unavailable, h.history, ClipboardAccess{}, [&] { return &h.app; }, {}, {}, {}});
+    session->continuousVoiceToText();
+    EXPECT_EQ(h.app.appStatus(), AppActivity::continuousSpeechActive);
+    h.run();
+    EXPECT_EQ(h.app.appStatus(), AppActivity::idle) << "no mode that records nothing";
+    ASSERT_FALSE(h.toasts.shown.empty());
+    EXPECT_EQ(h.toasts.shown.back().toast.messageText, ContinuousSpeechUnavailable::kMessage);
+    EXPECT_FALSE(unavailable.isActive());
 }
 
 TEST(ShowActions, OpenTheirTabInEveryStateWithoutChangingIt) {

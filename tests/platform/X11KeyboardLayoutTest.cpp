@@ -71,9 +71,11 @@ TEST_F(X11KeyboardLayoutTest, CharactersNamesAndTheVKeyFollowTheLayout) {
     EXPECT_EQ(layout->character(49), std::nullopt); // the space bar shows nothing
     EXPECT_EQ(layout->character(36), std::nullopt); // Return is the same on every layout
     EXPECT_EQ(codes->keyCode(Key::v), 9);
+    EXPECT_FALSE(layout->rightAltIsAltGr()) << "the US layout's right Alt is a plain Alt";
 
     ASSERT_TRUE(change("setxkbmap de", "de", [&] { return layout->character(16) == "z"; }));
     EXPECT_EQ(layout->currentLayoutLocalizedName(), "German");
+    EXPECT_TRUE(layout->rightAltIsAltGr()) << "German types @ and € with the right Alt";
     EXPECT_EQ(layout->character(16), "z");
     EXPECT_EQ(layout->character(6), "y");
     EXPECT_EQ(layout->character(41), "ö");

@@ -2,6 +2,8 @@
 // requests, and without a window manager, where the focus window is all there is.
 #include <gtest/gtest.h>
 
+#include <X11/Xutil.h>
+
 #include "platform/X11TestSupport.h"
 #include "platform/linux/X11Workspace.h"
 #include "platform/loop/RealTimeLoop.h"
@@ -100,3 +102,35 @@ TEST_F(X11WorkspaceTest, WithoutAWindowManagerTheFocusWindowIsTheFront) {
 }
 
 } // namespace
+
+TEST_F(X11WorkspaceTest, OurOwnWindowsCarryOurIdentifierWhateverTheToolkitNamesThem) {
+    workspace = std::make_unique<X11Workspace>(loop, server.name(), "com.sprelio.app");
+    ASSERT_TRUE(workspace->isAvailable());
+    // A window of this very process, named as a toolkit names it: after the program.
+    Display* d = XOpenDisplay(server.name().c_str());
+    ASSERT_NE(d, nullptr);
+    const Window window = XCreateSimpleWindow(d, DefaultRootWindow(d), 0, 0, 200, 100, 0, 0, 0);
+    XClassHint hint{const_cast<char*>("sprelio"), const_cast<char*>("Sprelio")};
+    XSetClassHint(d, window, &hint);
+    const long pid = ::getpid();
+    XChangeProperty(d, window, XInternAtom(d, "_NET_WM_PID", False), XA_CARDINAL, 32, PropModeReplace,
+                    reinterpret_cast<const unsigned char*>(&pid), 1);
+    XSelectInput(d, window, StructureNotifyMask);
+    XMapWindow(d, window);
+    ASSERT_TRUE(sprelio::x11test::waitFor([&] {
+        while (XPending(d)) {
+            XEvent event;
+            XNextEvent(d, &event);
+            if (event.type == MapNotify) return true;
+        }
+        return false;
+    }));
+    XSetInputFocus(d, window, RevertToParent, CurrentTime);
+    XSync(d, False);
+    const auto front = workspace->frontmostApplication();
+    ASSERT_TRUE(front.has_value());
+    EXPECT_EQ(front->processIdentifier, ::getpid());
+    EXPECT_EQ(front->bundleIdentifier, "com.sprelio.app");
+    EXPECT_EQ(front->localizedName, "Sprelio");
+    XCloseDisplay(d);
+}

@@ -2,9 +2,12 @@
 
 #include <X11/XKBlib.h>
 #include <X11/Xlib.h>
+#include <X11/keysym.h>
 #include <xkbcommon/xkbcommon.h>
 
+#include <cstring>
 #include <map>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -31,11 +34,21 @@ std::vector<std::string> split(const std::string& text, char separator) {
     return parts;
 }
 
+// The X keycode of a key by its four-letter name in the keymap ("RALT").
+std::optional<KeyCode> keyNamed(XkbDescPtr xkb, const char* name) {
+    if (!xkb->names || !xkb->names->keys) return std::nullopt;
+    for (int kc = xkb->min_key_code; kc <= xkb->max_key_code; ++kc)
+        if (std::strncmp(xkb->names->keys[kc].name, name, XkbKeyNameLength) == 0) return static_cast<KeyCode>(kc);
+    return std::nullopt;
+}
+
 struct Group {
     std::string identifier;
     std::string name;
     std::map<std::uint16_t, std::string> characters;
     bool asciiCapable = false;
+    // The right Alt key is AltGr (ISO_Level3_Shift) in this layout.
+    bool rightAltIsAltGr = false;
 };
 
 } // namespace
@@ -117,6 +130,14 @@ struct X11KeyboardLayout::Impl final : x11::Connection::Client {
                 }
             }
             if (group.name.empty()) group.name = group.identifier;
+            // The physical right Alt key, by its name in the keymap: keymaps also carry a key of their own for
+            // level three (LVL3), which no keyboard has.
+            if (const auto ralt = keyNamed(xkb, "RALT")) {
+                KeySym sym = NoSymbol;
+                unsigned consumed = 0;
+                group.rightAltIsAltGr =
+                    XkbTranslateKeyCode(xkb, *ralt, XkbBuildCoreState(0, g), &consumed, &sym) && sym == XK_ISO_Level3_Shift;
+            }
             for (const auto& [x11, code] : tables.codeOfX11) {
                 // Only the keys whose character depends on the layout; Return, Tab and the like are the same on all.
                 if (!positional.count(code)) continue;
@@ -228,6 +249,13 @@ std::string X11KeyboardLayout::currentLayoutLocalizedName() const {
     const auto current = static_cast<std::size_t>(impl_->currentGroup);
     if (current < groups.size()) return groups[current].name;
     return "English (US)";
+}
+
+bool X11KeyboardLayout::rightAltIsAltGr() const {
+    auto lock = impl_->connection.lock();
+    const auto& groups = impl_->groups;
+    const auto current = static_cast<std::size_t>(impl_->currentGroup);
+    return current < groups.size() && groups[current].rightAltIsAltGr;
 }
 
 std::optional<std::string> X11KeyboardLayout::character(std::uint16_t keyCode) const {

@@ -26,6 +26,9 @@ public:
     void setLayoutChangedHandler(std::function<void()> handler) override;
 
     bool isAvailable() const;
+    // Whether the right Alt key is AltGr (ISO_Level3_Shift) in the layout selected now: typing with it then also
+    // presses the default dictation key.
+    bool rightAltIsAltGr() const;
 
     struct Impl;
 

@@ -23,6 +23,7 @@ struct X11Workspace::Impl final : x11::Connection::Client {
     Atom netActiveWindow = None, netWmPid = None, gtkApplicationId = None, kdeDesktopFile = None, netWmName = None,
          netClientList = None, netSupportingWmCheck = None, wmState = None;
     Window lastActive = None;
+    std::string ownBundleIdentifier;
 
     Impl(MainLoop& l, const std::string& displayName) : loop(l), connection(displayName, "X11Workspace") {}
 
@@ -129,6 +130,7 @@ struct X11Workspace::Impl final : x11::Connection::Client {
         else if (auto file = x11::readTextProperty(d, window, kdeDesktopFile); file && !file->empty())
             app.bundleIdentifier = *file;
         else app.bundleIdentifier = className.value_or("");
+        if (!ownBundleIdentifier.empty() && pid && *pid == ::getpid()) app.bundleIdentifier = ownBundleIdentifier;
         if (auto title = x11::readTextProperty(d, window, netWmName)) app.windowTitle = *title;
         else if (auto name = x11::readTextProperty(d, window, XA_WM_NAME)) app.windowTitle = *name;
         return app;
@@ -169,8 +171,9 @@ struct X11Workspace::Impl final : x11::Connection::Client {
     }
 };
 
-X11Workspace::X11Workspace(MainLoop& loop, const std::string& displayName)
+X11Workspace::X11Workspace(MainLoop& loop, const std::string& displayName, std::string ownBundleIdentifier)
     : impl_(std::make_unique<Impl>(loop, displayName)) {
+    impl_->ownBundleIdentifier = std::move(ownBundleIdentifier);
     impl_->open();
     impl_->connection.start(*impl_);
 }

@@ -17,7 +17,9 @@ namespace sprelio::platform {
 
 class X11Workspace final : public Workspace, public WorkspaceNotifications {
 public:
-    explicit X11Workspace(MainLoop& loop, const std::string& displayName = {});
+    // The windows of this process are reported under `ownBundleIdentifier` when it is given: the toolkit names
+    // them after the program, and the session must know its own windows to never hand the focus back to them.
+    explicit X11Workspace(MainLoop& loop, const std::string& displayName = {}, std::string ownBundleIdentifier = {});
     ~X11Workspace() override;
     X11Workspace(const X11Workspace&) = delete;
     X11Workspace& operator=(const X11Workspace&) = delete;

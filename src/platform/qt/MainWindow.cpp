@@ -232,6 +232,10 @@ void MainWindow::historyChanged() {
     if (historyPane_) historyPane_->refreshSoon();
 }
 
+void MainWindow::setUsabilityWarnings(const std::vector<std::string>& texts) {
+    mainPane_->setUsabilityWarnings(texts);
+}
+
 void MainWindow::scrollHistoryToTop() {
     if (historyPane_) historyPane_->scrollToTop();
 }

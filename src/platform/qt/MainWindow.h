@@ -82,6 +82,8 @@ public:
     void historyChanged();
     // "SPRScrollHistoryToTop".
     void scrollHistoryToTop();
+    // The usability checks' texts, shown on the Main tab.
+    void setUsabilityWarnings(const std::vector<std::string>& texts);
 
     ContentViewTab currentTab() const { return currentTab_; }
     QListWidget* sidebar() const { return sidebar_; }

@@ -101,6 +101,20 @@ MainPane::MainPane(std::function<AppActivity()> appStatus, AppState& appState,
     network_->setPalette(red);
     layout->addWidget(network_);
 
+    usability_ = new QLabel(this);
+    usability_->setObjectName(QStringLiteral("usabilityWarnings"));
+    usability_->setTextFormat(Qt::PlainText);
+    usability_->setWordWrap(true);
+    usability_->setFrameShape(QFrame::StyledPanel);
+    usability_->setMargin(10);
+    usability_->setAutoFillBackground(true);
+    QPalette amber = usability_->palette();
+    amber.setColor(QPalette::Window, QColor(255, 236, 179));
+    amber.setColor(QPalette::WindowText, QColor(60, 45, 0));
+    usability_->setPalette(amber);
+    usability_->hide();
+    layout->addWidget(usability_);
+
     layout->addWidget(heading(QStringLiteral("Your shortcuts"), this, 1.1));
     shortcuts_ = new QLabel(this);
     shortcuts_->setObjectName(QStringLiteral("shortcuts"));
@@ -112,6 +126,13 @@ MainPane::MainPane(std::function<AppActivity()> appStatus, AppState& appState,
 }
 
 QString MainPane::statusText() const { return status_->text(); }
+
+void MainPane::setUsabilityWarnings(const std::vector<std::string>& texts) {
+    QStringList lines;
+    for (const auto& text : texts) lines << QStringLiteral("⚠ ") + QString::fromStdString(text);
+    usability_->setText(lines.join(QStringLiteral("\n\n")));
+    usability_->setVisible(!lines.isEmpty());
+}
 
 void MainPane::refresh() {
     const AppActivity status = appStatus_ ? appStatus_() : AppActivity::idle;

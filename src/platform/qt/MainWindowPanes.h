@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "core/AppActivity.h"
 #include "core/AppState.h"
@@ -40,6 +41,9 @@ public:
     // Reads the state, the network and the shortcuts again.
     void refresh();
     QString statusText() const;
+    // What keeps Sprelio from working here; none hides the box.
+    void setUsabilityWarnings(const std::vector<std::string>& texts);
+    QLabel* usabilityLabel() const { return usability_; }
 
 private:
     std::function<AppActivity()> appStatus_;
@@ -48,6 +52,7 @@ private:
     QLabel* icon_ = nullptr;
     QLabel* status_ = nullptr;
     QLabel* network_ = nullptr;
+    QLabel* usability_ = nullptr;
     QLabel* shortcuts_ = nullptr;
 };
 
