@@ -2,6 +2,11 @@
 
 #include <QApplication>
 #include <QScreen>
+#include <QSocketNotifier>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <iostream>
@@ -465,6 +470,8 @@ void Desktop::launch() {
     if (input_.isAvailable()) tap_->registerEventTap(false);
     checkUsability("verifyUsability");
     mainWindow_->setUsabilityWarnings(usability_.bannerTexts());
+    // After the steps that the launch posted (the activation of step 16 among them).
+    loop_.post([] { logInfo("Desktop.launch() - ready: the hotkeys are live"); });
 }
 
 void Desktop::reopen() {
@@ -507,6 +514,37 @@ void Desktop::startObservers() {
 
 } // namespace
 
+namespace {
+
+// The session ends Sprelio with SIGTERM at log-out (and a terminal with SIGINT): the loop is asked to quit, so
+// that everything is taken down in order instead of the process vanishing mid-write.
+int quitSignalPipe[2] = {-1, -1};
+
+void onQuitSignal(int) {
+    const char byte = 1;
+    [[maybe_unused]] const auto written = ::write(quitSignalPipe[1], &byte, 1);
+}
+
+std::unique_ptr<QSocketNotifier> quitOnSignals() {
+    if (::pipe2(quitSignalPipe, O_CLOEXEC | O_NONBLOCK) != 0) return nullptr;
+    struct sigaction action {};
+    action.sa_handler = onQuitSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGTERM, &action, nullptr);
+    ::sigaction(SIGINT, &action, nullptr);
+    auto notifier = std::make_unique<QSocketNotifier>(quitSignalPipe[0], QSocketNotifier::Read);
+    QObject::connect(notifier.get(), &QSocketNotifier::activated, qApp, [] {
+        char byte = 0;
+        while (::read(quitSignalPipe[0], &byte, 1) == 1) {}
+        logInfo("Desktop - asked to quit by a signal");
+        QCoreApplication::quit();
+    });
+    return notifier;
+}
+
+} // namespace
+
 int runDesktopApplication(int argc, char** argv) {
     // Global keys, pasting and the overlays' input shapes are X11's: in a Wayland session Sprelio runs through
     // Xwayland, whose DISPLAY must be there.
@@ -528,6 +566,7 @@ int runDesktopApplication(int argc, char** argv) {
             if (running) running->reopen();
         }))
         return 0;
+    const auto quitSignals = quitOnSignals();
     Desktop desktop;
     running = &desktop;
     desktop.launch();

@@ -1,3 +1,4 @@
+#include <unistd.h>
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
@@ -13,6 +14,7 @@
 #include "platform/qt/QtMainLoop.h"
 #include "platform/qt/QtScreens.h"
 #include "platform/qt/SingleInstance.h"
+#include "platform/test/TemporaryFolder.h"
 
 using namespace std::chrono_literals;
 using sprelio::platform::LogindWakeMonitor;
@@ -187,4 +189,23 @@ TEST(SingleInstance, TheSecondStartAsksTheFirstToComeForwardAndLeaves) {
     first.reset();
     sprelio::platform::SingleInstance third(name);
     EXPECT_TRUE(third.claim([] {})) << "with the first gone, the next start is the instance";
+}
+
+TEST(SingleInstance, OneInstancePerUserAndDisplayInTheUsersRuntimeFolder) {
+    const sprelio::platform::test::TemporaryFolder runtime("sprelio-runtime");
+    const QByteArray savedRuntime = qgetenv("XDG_RUNTIME_DIR"), savedDisplay = qgetenv("DISPLAY");
+    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(runtime.path().string()));
+    qputenv("DISPLAY", ":7");
+    const QString first = sprelio::platform::SingleInstance::defaultName();
+    qputenv("DISPLAY", ":8.0");
+    const QString second = sprelio::platform::SingleInstance::defaultName();
+    qputenv("XDG_RUNTIME_DIR", QByteArray());
+    const QString withoutRuntime = sprelio::platform::SingleInstance::defaultName();
+    qputenv("XDG_RUNTIME_DIR", savedRuntime);
+    qputenv("DISPLAY", savedDisplay);
+
+    EXPECT_TRUE(first.startsWith(QString::fromStdString(runtime.path().string()) + QLatin1Char('/'))) << first.toStdString();
+    EXPECT_NE(first, second) << "another display is another desktop";
+    EXPECT_FALSE(withoutRuntime.contains(QLatin1Char('/')));
+    EXPECT_TRUE(withoutRuntime.endsWith(QStringLiteral("-%1").arg(getuid()))) << withoutRuntime.toStdString();
 }

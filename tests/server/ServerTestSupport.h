@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "server/BackendServer.h"
+#include "helpers/WordAccuracy.h"
 #include "platform/test/TemporaryFolder.h"
 
 namespace sprelio::server::test {
@@ -28,8 +29,7 @@ std::string readFile(const std::filesystem::path& path);
 // A WAV file of `sentence` spoken by festival's US English voice; empty path when festival fails.
 std::filesystem::path speak(const std::string& sentence, const std::filesystem::path& folder, const std::string& name);
 
-// 1 - (word edit distance / reference words), after lower-casing and dropping punctuation.
-double wordAccuracy(const std::string& reference, const std::string& hypothesis);
+using testhelpers::wordAccuracy;
 
 struct Upload {
     std::string fileName;

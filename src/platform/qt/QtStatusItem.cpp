@@ -199,7 +199,8 @@ void QtStatusItem::setMenu(AppMenuBar& menuBar) {
 void QtStatusItem::show() {
     if (!tray_) {
         tray_ = std::make_unique<QSystemTrayIcon>();
-        if (!imageName_.empty()) tray_->setIcon(statusIcon(imageName_));
+        // Until the session names its state the item shows the idle image: a tray icon is never blank.
+        tray_->setIcon(statusIcon(imageName_.empty() ? std::string("micro_status") : imageName_));
         tray_->setToolTip(QStringLiteral("Sprelio"));
         if (menu_) tray_->setContextMenu(menu_.get());
         // Status items open their menu on a plain click as well.

@@ -28,10 +28,14 @@ QColor accentFor(const std::optional<SPRToastViewWarningLevel>& level) {
 
 ToastWindow::ToastWindow(const SPRToastView& toast, std::function<void()> onNeverShowAgain,
                          std::function<void()> dismiss)
-    : QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus),
+    : QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus |
+                           Qt::BypassWindowManagerHint),
       accent_(accentFor(toast.warningLevel)) {
-    // The user is dictating into another application: a toast must never take its keyboard.
+    // The user is dictating into another application: a toast must never take its keyboard. Left to the window
+    // manager, a window that refuses the focus still makes it activate another window of ours; so the toast is
+    // not managed at all, as a notification bubble is not.
     setAttribute(Qt::WA_ShowWithoutActivating);
+    setAttribute(Qt::WA_X11DoNotAcceptFocus);
     setFocusPolicy(Qt::NoFocus);
     setWindowOpacity(0.95);
     setObjectName(QStringLiteral("SPRToastView"));

@@ -1,5 +1,6 @@
 #include "platform/qt/SingleInstance.h"
 
+#include <QFileInfo>
 #include <QLocalSocket>
 #include <unistd.h>
 
@@ -12,7 +13,16 @@ constexpr int kConnectTimeoutMs = 1000;
 const QByteArray kActivate = "activate\n";
 } // namespace
 
-QString SingleInstance::defaultName() { return QStringLiteral("com.sprelio.app-%1").arg(getuid()); }
+QString SingleInstance::defaultName() {
+    // One instance per user and display: the user's runtime folder is private to the user, and a second display
+    // (a nested or virtual X server) is a desktop of its own.
+    QString display = QString::fromLocal8Bit(qgetenv("DISPLAY"));
+    display.replace(QLatin1Char('/'), QLatin1Char('_'));
+    const QString name = QStringLiteral("com.sprelio.app-display%1").arg(display);
+    const QString runtime = QString::fromLocal8Bit(qgetenv("XDG_RUNTIME_DIR"));
+    if (!runtime.isEmpty() && QFileInfo(runtime).isDir()) return runtime + QLatin1Char('/') + name;
+    return name + QStringLiteral("-%1").arg(getuid());
+}
 
 SingleInstance::SingleInstance(QString name) : name_(std::move(name)) {}
 

@@ -10,8 +10,8 @@ namespace sprelio::platform {
 
 class SingleInstance {
 public:
-    // `name` is the socket's name; the default one is per user (XDG_RUNTIME_DIR is private to the user, and the
-    // user id is part of the name where Qt falls back to /tmp).
+    // `name` is the socket's name; the default one is per user and display: in XDG_RUNTIME_DIR, which is private
+    // to the user, or with the user id in its name where Qt falls back to /tmp.
     explicit SingleInstance(QString name = defaultName());
     ~SingleInstance();
 

@@ -1,0 +1,353 @@
+// The desktop application as a user has it: `sprelio` started on a private X desktop with openbox, its own
+// PulseAudio daemon whose microphone is fed festival speech, the embedded server, and our test application in
+// front. Keys and clicks are real X input (xdotool). Every wait is on a condition with a deadline; screenshots of
+// the overlays go to <build>/screenshots.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
+#include <regex>
+
+#include "audio/AudioTestSupport.h"
+#include "audio/PulseDaemon.h"
+#include "audio/AudioFileDuration.h"
+#include "core/Uuid.h"
+#include "helpers/WordAccuracy.h"
+#include "input/Key.h"
+#include "platform/X11TestSupport.h"
+#include "platform/test/TemporaryFolder.h"
+#include "store/AppConstants.h"
+#include "store/Entities.h"
+#include "store/Persistence.h"
+
+namespace sprelio {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+using audio_test::FifoFeeder;
+using audio_test::PulseDaemon;
+using x11test::TestClient;
+using x11test::XServer;
+
+constexpr const char* kSentence = "hello this is a test of dictation";
+constexpr int kScreenHeight = 800;
+constexpr std::int64_t kRate = 16000;
+constexpr const char* kKeyDownLine = "KeyboardShortcutManager.executeActionForKeyCode() - keyCode: 61, isKeyDown: true";
+constexpr const char* kRecordingStarted = "- preparing finished in";
+
+// The sentence spoken by festival, 16 kHz mono float; made once per process.
+const std::vector<float>& sentenceSpeech() {
+    static const std::vector<float> speech = [] {
+        audio_test::TempDir dir;
+        const auto wav = dir / "speech.wav";
+        const auto raw = dir / "speech.f32";
+        const auto made = audio_test::runCommand(
+            std::string("echo '") + kSentence + "' | text2wave -eval '(voice_cmu_us_slt_arctic_hts)' -o " +
+            audio_test::shellQuoted(wav.string()) + " >/dev/null 2>&1 && ffmpeg -nostdin -loglevel error -i " +
+            audio_test::shellQuoted(wav.string()) + " -f f32le -ac 1 -ar 16000 " +
+            audio_test::shellQuoted(raw.string()) + " 2>&1");
+        if (made.exitCode != 0) return std::vector<float>{};
+        const auto bytes = audio_test::readBytes(raw);
+        std::vector<float> samples(bytes.size() / sizeof(float));
+        std::copy_n(bytes.data(), samples.size() * sizeof(float), reinterpret_cast<std::uint8_t*>(samples.data()));
+        return samples;
+    }();
+    return speech;
+}
+
+fs::path screenshotFolder() { return fs::path(SPRELIO_BINARY).parent_path().parent_path() / "screenshots"; }
+
+// `sprelio` in a process of its own, with a home of its own and nothing else from this process's environment.
+class SprelioApp {
+public:
+    SprelioApp(const XServer& x, const PulseDaemon& pulse, const fs::path& home, bool offline = false)
+        : home_(home) {
+        fs::create_directories(home / "run");
+        fs::permissions(home / "run", fs::perms::owner_all, fs::perm_options::replace);
+        const std::vector<std::string> environment = {
+            "PATH=/usr/bin:/bin", "HOME=" + home.string(), "XDG_RUNTIME_DIR=" + (home / "run").string(),
+            "DISPLAY=" + x.name(), "PULSE_SERVER=" + pulse.serverAddress(), "LANG=C.UTF-8"};
+        std::vector<std::string> argv;
+        // Offline is a network of its own with nothing but loopback: the embedded server still answers there.
+        if (offline) argv = {"unshare", "-n", "sh", "-c", "ip link set lo up && exec \"$0\"", SPRELIO_BINARY};
+        else argv = {SPRELIO_BINARY};
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            const auto out = (home / "sprelio.out").string();
+            const int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            if (fd >= 0) {
+                ::dup2(fd, 1);
+                ::dup2(fd, 2);
+            }
+            std::vector<char*> args, env;
+            for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+            args.push_back(nullptr);
+            for (const auto& e : environment) env.push_back(const_cast<char*>(e.c_str()));
+            env.push_back(nullptr);
+            ::execvpe(args[0], args.data(), env.data());
+            ::_exit(127);
+        }
+    }
+    ~SprelioApp() { stop(); }
+    SprelioApp(const SprelioApp&) = delete;
+    SprelioApp& operator=(const SprelioApp&) = delete;
+
+    // Asks the application to quit as a session does at log-out; its exit status, -1 when it had to be killed.
+    int stop() {
+        if (pid_ <= 0) return status_;
+        ::kill(pid_, SIGTERM);
+        int status = 0;
+        if (x11test::waitFor([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, 15000ms)) {
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        } else {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, &status, 0);
+            status_ = -1;
+        }
+        pid_ = -1;
+        return status_;
+    }
+
+    fs::path dataFolder() const { return home_ / ".local/share/Sprelio"; }
+    std::string log() const { return x11test::readFile(dataFolder() / "logs" / "app_log.txt"); }
+    std::string output() const { return x11test::readFile(home_ / "sprelio.out"); }
+    std::size_t count(const std::string& needle) const {
+        const std::string text = log();
+        std::size_t n = 0;
+        for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + needle.size())) ++n;
+        return n;
+    }
+    bool waitForCount(const std::string& needle, std::size_t n, std::chrono::milliseconds timeout = 20000ms) const {
+        return x11test::waitFor([&] { return count(needle) >= n; }, timeout);
+    }
+    bool running() const { return pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; }
+
+private:
+    fs::path home_;
+    pid_t pid_ = -1;
+    int status_ = -1;
+};
+
+class DesktopEndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(server.ready()) << "Xvfb did not start";
+        ASSERT_TRUE(server.startWindowManager()) << "openbox did not start";
+        ASSERT_NO_THROW(pulse.start());
+        ASSERT_FALSE(sentenceSpeech().empty()) << "festival's text2wave or ffmpeg could not make speech";
+        feeder = std::make_unique<FifoFeeder>(pulse.fifo());
+    }
+    void TearDown() override {
+        // A failed run leaves the application's log next to the screenshots, for whoever looks into it.
+        if (HasFailure() && app) {
+            fs::create_directories(screenshotFolder());
+            const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+            std::ofstream(screenshotFolder() / (std::string("e2e-") + info->name() + ".log")) << app->log();
+        }
+        if (app) EXPECT_EQ(app->stop(), 0) << "the application did not end cleanly:\n" << app->output();
+        app.reset();
+        client.reset();
+        // The daemon goes first: a feeder blocked on a full FIFO that nobody reads is freed by its end.
+        pulse.kill();
+        feeder.reset();
+        server.stop();
+    }
+
+    // The right Alt key as a shortcut of its own, held or tapped.
+    void storeRightAltShortcut(bool hold) {
+        store::PersistenceController store(home.path() / ".local/share/Sprelio");
+        auto& context = store.container().viewContext();
+        auto shortcut = context.insertNew<store::UserShortcut>();
+        shortcut->setUuid(Uuid::random());
+        shortcut->setShortcutActionRawValue(std::string("recordAndTranscribe"));
+        shortcut->setModifierEventKeyCode(61);
+        shortcut->setMouseEventMouseButton(-1);
+        shortcut->setShortcutString(keyString(61));
+        shortcut->setOrder(0);
+        shortcut->setHold(hold);
+        context.save();
+    }
+    void launch(bool offline = false) {
+        app = std::make_unique<SprelioApp>(server, pulse, home.path(), offline);
+        ASSERT_TRUE(app->waitForCount("Desktop.launch() - ready: the hotkeys are live", 1, 30000ms))
+            << app->output() << "\n" << app->log();
+    }
+    // Our application takes the front, as the window manager sees it.
+    void bringClientForward() {
+        client = std::make_unique<TestClient>(server, TestClient::Options{});
+        ASSERT_TRUE(client->waitUntilFocused()) << client->describe();
+        ASSERT_TRUE(x11test::waitFor([&] { return activePid() == client->pid(); }, 10000ms));
+    }
+    pid_t activePid() const {
+        const std::string out = server.output("xdotool getactivewindow getwindowpid");
+        return out.empty() ? -1 : static_cast<pid_t>(std::atoi(out.c_str()));
+    }
+    std::string clipboard() const { return server.output("xclip -selection clipboard -o"); }
+    void copyByAnotherProgram(const std::string& text) {
+        const auto file = home.path() / "copied.txt";
+        std::ofstream(file, std::ios::binary) << text;
+        ASSERT_TRUE(server.run("xclip -selection clipboard -i " + file.string()));
+        ASSERT_TRUE(x11test::waitFor([&] { return clipboard() == text; }));
+    }
+    bool key(const std::string& action) { return server.run("xdotool " + action + " Alt_R"); }
+    // A press of the right Alt key that lasts until Sprelio has taken it as one (a modifier is judged 10 ms after
+    // it changes, so a release within that time would be the only thing seen).
+    void tap() {
+        ASSERT_TRUE(key("keydown"));
+        ASSERT_TRUE(app->waitForCount(kKeyDownLine, ++presses_)) << "the press was not taken";
+        ASSERT_TRUE(key("keyup"));
+    }
+    // Speech into the microphone, and a wait until all of it and a short silence after it have been fed; halfway
+    // through, `midway` runs (a screenshot of the meter while it moves).
+    void speak(const std::function<void()>& midway = {}) {
+        const auto& speech = sentenceSpeech();
+        const std::int64_t at = feeder->play(speech);
+        const std::int64_t end = at + static_cast<std::int64_t>(speech.size()) + kRate * 3 / 10;
+        if (midway) {
+            const std::int64_t half = at + static_cast<std::int64_t>(speech.size()) / 2;
+            ASSERT_TRUE(x11test::waitFor([&] { return feeder->framesWritten() >= half; }, 15000ms));
+            midway();
+        }
+        ASSERT_TRUE(x11test::waitFor([&] { return feeder->framesWritten() >= end; }, 15000ms));
+    }
+    void screenshot(const std::string& name) {
+        fs::create_directories(screenshotFolder());
+        server.run("ffmpeg -nostdin -loglevel error -y -f x11grab -video_size 1280x800 -i " + server.name() +
+                   " -frames:v 1 " + (screenshotFolder() / (name + ".png")).string());
+    }
+    std::vector<std::shared_ptr<store::LogEntry>> history() const {
+        store::PersistentContainer other("Persistence", app->dataFolder() / store::PersistenceController::kStoreFileName);
+        if (other.loadPersistentStores()) return {};
+        return other.viewContext().fetchAll<store::LogEntry>();
+    }
+    // The dictated text as our application got it.
+    bool waitForDictation() const {
+        return x11test::waitFor([&] { return testhelpers::wordAccuracy(kSentence, client->text()) >= 0.8; }, 30000ms);
+    }
+    // What a dictation must leave behind: one successful history entry whose recording plays, and a log without
+    // a word of what was said.
+    void expectDictationRecorded() {
+        ASSERT_TRUE(x11test::waitFor([&] { return history().size() == 1; }));
+        const auto entries = history();
+        EXPECT_EQ(entries[0]->level(), 4) << "success";
+        ASSERT_TRUE(entries[0]->fileURL().has_value());
+        const fs::path recording = store::AppConstants::pathFromFileURLOrPath(*entries[0]->fileURL());
+        EXPECT_EQ(recording.extension(), ".caf");
+        const auto seconds = audioFileDurationSeconds(recording);
+        ASSERT_TRUE(seconds.has_value()) << recording;
+        EXPECT_GT(*seconds, 2.0);
+        const auto decoded = audio_test::runCommand("ffmpeg -nostdin -loglevel error -i " +
+                                                    audio_test::shellQuoted(recording.string()) + " -f null - 2>&1");
+        EXPECT_EQ(decoded.exitCode, 0) << decoded.out;
+        const std::string log = app->log();
+        for (const char* word : {"hello", "dictation"})
+            EXPECT_EQ(log.find(word), std::string::npos) << "the log holds the dictated word " << word;
+    }
+
+    XServer server;
+    PulseDaemon pulse;
+    std::unique_ptr<FifoFeeder> feeder;
+    platform::test::TemporaryFolder home{"sprelio-e2e"};
+    std::unique_ptr<SprelioApp> app;
+    std::unique_ptr<TestClient> client;
+    std::size_t presses_ = 0;
+};
+
+TEST_F(DesktopEndToEnd, HeldKeyDictatesIntoTheApplicationInFront) {
+    storeRightAltShortcut(true);
+    launch();
+    bringClientForward();
+    copyByAnotherProgram("what the user had copied");
+
+    ASSERT_TRUE(key("keydown"));
+    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << "the recording did not start";
+    speak([&] { screenshot("e2e-recording"); });
+    ASSERT_TRUE(key("keyup"));
+    if (app->waitForCount("showOverlay() - Called with overlayType: transcribing", 1, 5000ms))
+        screenshot("e2e-transcribing");
+
+    ASSERT_TRUE(waitForDictation()) << "the test application shows: " << client->text();
+    EXPECT_EQ(activePid(), client->pid()) << "the dictated application keeps the front";
+    // The user's clipboard comes back after the paste.
+    EXPECT_TRUE(x11test::waitFor([&] { return clipboard() == "what the user had copied"; }, 10000ms)) << clipboard();
+    expectDictationRecorded();
+}
+
+TEST_F(DesktopEndToEnd, TappedKeyStartsAndASecondTapStops) {
+    launch(); // the default set: right Alt, tapped
+    bringClientForward();
+    tap();
+    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << "the recording did not start";
+    speak();
+    EXPECT_EQ(app->count("onRecordingShortcut() - will start transcribing"), 0u) << "the release stopped it";
+    tap();
+    ASSERT_TRUE(waitForDictation()) << "the test application shows: " << client->text();
+    expectDictationRecorded();
+}
+
+TEST_F(DesktopEndToEnd, TheOverlaysCancelCircleEndsTheRecordingWithoutText) {
+    launch();
+    bringClientForward();
+    tap();
+    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1));
+    // Where the overlay put its cancel circle, in its own coordinates (origin at the bottom left).
+    ASSERT_TRUE(app->waitForCount("HitTestManager.addRegion() - OverlayHitRegion(id: cancel", 1));
+    std::smatch found;
+    const std::string log = app->log();
+    ASSERT_TRUE(std::regex_search(log, found, std::regex(R"(OverlayHitRegion\(id: cancel, center: \(([0-9.]+), ([0-9.]+)\))")));
+    const double x = std::stod(found[1]), y = std::stod(found[2]) + 3.0; // stored 3 points lower than drawn
+    speak();
+    screenshot("e2e-cancel-circle");
+    ASSERT_TRUE(server.run("xdotool mousemove " + std::to_string(static_cast<int>(x)) + " " +
+                           std::to_string(static_cast<int>(kScreenHeight - y)) + " click 1"));
+    ASSERT_TRUE(app->waitForCount("HitTestManager.action() - Triggered CANCEL button overlay region.", 1));
+    EXPECT_EQ(activePid(), client->pid()) << "a click on the overlay takes no focus";
+
+    // Idle again: the next press dictates. Nothing of the cancelled recording arrives before or with it.
+    tap();
+    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 2));
+    speak();
+    tap();
+    ASSERT_TRUE(waitForDictation()) << client->text();
+    EXPECT_EQ(testhelpers::words(client->text()).size(), testhelpers::words(kSentence).size())
+        << "only the second dictation arrived: " << client->text();
+    // The cancel is on record too, with its recording.
+    ASSERT_TRUE(x11test::waitFor([&] { return history().size() == 2; }));
+    std::map<std::int64_t, int> levels;
+    for (const auto& entry : history()) {
+        ++levels[entry->level()];
+        if (entry->level() == 2) EXPECT_TRUE(entry->fileURL().has_value()) << "the cancelled recording is kept";
+    }
+    EXPECT_EQ(levels, (std::map<std::int64_t, int>{{2, 1}, {4, 1}})) << "one cancel (error), one success";
+}
+
+TEST_F(DesktopEndToEnd, OfflineTheKeySaysSoAndSprelioIsIdleAgain) {
+    const auto probe = audio_test::runCommand("unshare -n true 2>&1");
+    if (probe.exitCode != 0) GTEST_SKIP() << "no network namespace can be made here: " << probe.out;
+    launch(true);
+    bringClientForward();
+    ASSERT_TRUE(app->waitForCount("AppDelegate: Network path is not satisfied. (no internet connection)", 1));
+    tap();
+    ASSERT_TRUE(app->waitForCount("- error: networkError", 1));
+    ASSERT_TRUE(app->waitForCount("showSPRToast()", 1));
+    screenshot("e2e-offline");
+    EXPECT_EQ(app->count(kRecordingStarted), 0u) << "nothing is recorded offline";
+    // An error brings Sprelio forward with its message; the user goes back to the application and tries again.
+    // Idle again, the press is judged afresh and refused the same way.
+    client->clearFocusMark();
+    client->command("focus");
+    ASSERT_TRUE(client->waitUntilFocused()) << client->describe();
+    ASSERT_TRUE(x11test::waitFor([&] { return activePid() == client->pid(); }, 10000ms));
+    tap();
+    ASSERT_TRUE(app->waitForCount("- error: networkError", 2));
+    EXPECT_TRUE(client->text().empty());
+    EXPECT_TRUE(history().empty());
+}
+
+} // namespace
+} // namespace sprelio
