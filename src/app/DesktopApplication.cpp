@@ -382,6 +382,9 @@ Desktop::Desktop()
         loop_, input_, sounds_, workspace_, mirror_, *keyboardManager_, *mouseManager_, kBundleIdentifier,
         [this] { return usability_.hasWarning(UsabilityWarning::accessibility); },
         [this] { checkUsability("EventTapManager"); }, [this] { return input_.isAvailable(); }, {}});
+    // Without its X server the shell itself ends; the log says why the hotkeys went first.
+    input_.setConnectionLostHandler(
+        [] { logError("Desktop - the connection to the X server is lost: no hotkeys and no pasting from now on"); });
     keyboardManager_->keysSetDidChange = [this](const std::set<std::uint16_t>&) {
         if (tap_->isEventTapRegistered()) tap_->syncGrabs();
         checkHotkeyCollision();

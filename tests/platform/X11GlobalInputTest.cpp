@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "platform/X11TestSupport.h"
+#include "platform/SyntheticKeyboard.h"
 #include "platform/linux/X11GlobalInput.h"
 #include "platform/loop/RealTimeLoop.h"
 
@@ -355,6 +356,43 @@ TEST_F(X11GlobalInputTest, KeyRightAfterAKeymapChangeArrivesWithoutWaitingForAno
         };
         ASSERT_TRUE(loop.runUntil([&] { return ups() == i + 1; }, 2s)) << "key " << i << " stayed in the queue";
     }
+    XCloseDisplay(other);
+}
+
+TEST_F(X11GlobalInputTest, AModifierHeldAcrossAKeymapChangeStillLetsGoOfTheFlags) {
+    Display* other = XOpenDisplay(xvfb.name().c_str());
+    ASSERT_NE(other, nullptr);
+    const KeyCode rightAlt = XKeysymToKeycode(other, XStringToKeysym("Alt_R"));
+    ASSERT_NE(rightAlt, 0);
+    XTestFakeKeyEvent(other, rightAlt, True, CurrentTime);
+    XFlush(other);
+    ASSERT_TRUE(runUntil([&] { return sawEvent(type::kFlagsChanged, 61); }));
+    EXPECT_TRUE(find(type::kFlagsChanged, 61).flags & sprelio::platform::event_flags_mask::kOption);
+
+    // While it is held, the key loses its symbol, as a layout switch or a remapping tool would do.
+    int perCode = 0;
+    KeySym* saved = XGetKeyboardMapping(other, rightAlt, 1, &perCode);
+    std::vector<KeySym> none(static_cast<std::size_t>(perCode), NoSymbol);
+    XChangeKeyboardMapping(other, rightAlt, perCode, none.data(), 1);
+    XFlush(other);
+    // The adapter reloads its tables on its own thread; nothing on the loop tells when.
+    ASSERT_TRUE(sprelio::x11test::spinUntil(loop, [&] { return !input->keyCodeForX11KeyCode(rightAlt).has_value(); }));
+
+    events.clear();
+    XTestFakeKeyEvent(other, rightAlt, False, CurrentTime);
+    XFlush(other);
+    ASSERT_TRUE(runUntil([&] { return sawEvent(type::kFlagsChanged, 61); })) << "the release was lost";
+    EXPECT_FALSE(find(type::kFlagsChanged, 61).flags & sprelio::platform::event_flags_mask::kOption)
+        << "Option stays down for ever";
+
+    // Later events carry no stale modifier either.
+    events.clear();
+    ASSERT_TRUE(xvfb.run("xdotool key a"));
+    ASSERT_TRUE(runUntil([&] { return sawEvent(type::kKeyUp, 0); }));
+    EXPECT_FALSE(find(type::kKeyDown, 0).flags & sprelio::platform::event_flags_mask::kOption);
+
+    XChangeKeyboardMapping(other, rightAlt, perCode, saved, 1);
+    XFree(saved);
     XCloseDisplay(other);
 }
 

@@ -228,6 +228,7 @@ private:
     Display* keeper_ = nullptr;
 };
 
+#ifdef SPRELIO_TEST_XCLIENT // the binaries that start our test application have its path
 // Our test application, on its own process. See tests/helpers/TestXClient.cpp.
 class TestClient {
 public:
@@ -309,5 +310,6 @@ private:
     pid_t pid_ = -1;
     int commands_ = -1;
 };
+#endif
 
 } // namespace sprelio::x11test

@@ -101,6 +101,7 @@ struct X11GlobalInput::Impl {
     std::set<int> xtestDevices;
     std::atomic<int> injections{0};
     std::map<unsigned, std::uint16_t> modifiersDown; // X keycode -> stored code
+    std::map<unsigned, std::uint16_t> pressedCodes;  // X keycode -> stored code it had when it went down
     bool capsLockOn = false;
 
     explicit Impl(MainLoop& l) : loop(l) {}
@@ -321,17 +322,29 @@ struct X11GlobalInput::Impl {
     }
 
     void handleKeyLocked(unsigned x11, bool press, Time time, std::vector<GlobalInputEvent>& out) {
-        if (press) keysDown.insert(x11);
-        else keysDown.erase(x11);
-        auto it = codeOfX11.find(x11);
-        if (it == codeOfX11.end()) return;
+        std::optional<std::uint16_t> code;
+        if (press) {
+            keysDown.insert(x11);
+            if (auto it = codeOfX11.find(x11); it != codeOfX11.end()) code = pressedCodes[x11] = it->second;
+        } else {
+            keysDown.erase(x11);
+            // A key is released as what it was pressed as: the keymap may have changed while it was held, and a
+            // modifier that lost its place in the new keymap must still let go of the flags.
+            if (auto it = pressedCodes.find(x11); it != pressedCodes.end()) {
+                code = it->second;
+                pressedCodes.erase(it);
+            } else if (auto known = codeOfX11.find(x11); known != codeOfX11.end()) {
+                code = known->second;
+            }
+        }
+        if (!code) return;
         GlobalInputEvent event;
         event.timestamp = static_cast<double>(time) / 1000.0;
-        event.keyCode = it->second;
-        if (isModifierCode(it->second)) {
-            if (press) modifiersDown[x11] = it->second;
+        event.keyCode = *code;
+        if (isModifierCode(*code)) {
+            if (press) modifiersDown[x11] = *code;
             else modifiersDown.erase(x11);
-            if (it->second == 57) {
+            if (*code == 57) {
                 XkbStateRec state{};
                 if (XkbGetState(display, XkbUseCoreKbd, &state) == Success)
                     capsLockOn = (state.locked_mods & LockMask) != 0;
