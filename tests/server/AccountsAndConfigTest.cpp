@@ -104,6 +104,21 @@ TEST(ServerConfiguration, FlagsOverrideTheJsonFileAndMistakesAreReported) {
     EXPECT_FALSE(applyServerConfigJson("[1]", config, error));
 }
 
+TEST(ServerConfiguration, TheShippedExampleConfigurationIsAccepted) {
+    // The file the service unit points self-hosters to must never drift from what the server reads.
+    const auto example = std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() / "packaging" /
+                         "server.example.json";
+    ASSERT_TRUE(std::filesystem::exists(example)) << example;
+    std::ifstream in(example);
+    const std::string text((std::istreambuf_iterator<char>(in)), {});
+    ServerConfig config;
+    std::string error;
+    ASSERT_TRUE(applyServerConfigJson(text, config, error)) << error;
+    EXPECT_EQ(config.host, "0.0.0.0");
+    EXPECT_EQ(config.engine, "pocketsphinx");
+    EXPECT_FALSE(config.smtpUrl.empty());
+}
+
 TEST(ServerConfiguration, AnUnknownEngineIsRefusedAtConstruction) {
     TempFolder data;
     auto config = loopbackConfig(data.path());
