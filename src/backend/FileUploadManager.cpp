@@ -1,9 +1,13 @@
 #include "backend/FileUploadManager.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <fstream>
+#include <vector>
 
 #include "backend/HttpAudioUploadManager.h"
 #include "core/Digest.h"
@@ -18,6 +22,8 @@ namespace {
 
 constexpr const char* kUploadFile = "AudioUploadManager.uploadFile() - ";
 constexpr const char* kTranscribe = "AudioUploadManager.transcribeFile() - ";
+// Large enough that the digest, not the system calls, sets the pace; small enough to be nothing next to the file.
+constexpr std::size_t kHashChunkBytes = 1024 * 1024;
 
 std::string doubleText(double value) {
     char buffer[64];
@@ -67,18 +73,38 @@ std::string responseText(const platform::HttpResponse& response, const std::stri
 } // namespace
 
 std::optional<std::string> sha256Hash(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::string bytes;
-    if (in) {
-        char chunk[65536];
-        while (in.read(chunk, sizeof chunk) || in.gcount() > 0) bytes.append(chunk, std::size_t(in.gcount()));
-    }
-    if (!in.eof() || in.bad()) {
+    auto failed = [&file](const std::string& reason) -> std::optional<std::string> {
         logInfo("FileManager.sha256Hash() - Failed to compute SHA-256 hash: The file “" + file.filename().string() +
-                "” couldn’t be read: " + std::strerror(errno) + ".");
+                "” couldn’t be read: " + reason + ".");
         return std::nullopt;
+    };
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return failed(std::strerror(errno));
+    // A long file can be gigabytes: it goes through the digest a piece at a time, never whole.
+    std::vector<char> chunk(kHashChunkBytes);
+    std::optional<std::string> reason;
+    std::optional<std::string> digest;
+    try {
+        Sha256Stream sha;
+        for (;;) {
+            const ssize_t got = ::read(fd, chunk.data(), chunk.size());
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) {
+                reason = std::strerror(errno);
+                break;
+            }
+            if (got == 0) {
+                digest = sha.finishHex();
+                break;
+            }
+            sha.update(std::string_view(chunk.data(), static_cast<std::size_t>(got)));
+        }
+    } catch (const std::exception& e) {
+        reason = std::string("the digest failed (") + e.what() + ")";
     }
-    return sha256Hex(bytes);
+    ::close(fd);
+    if (!digest) return failed(reason.value_or("unknown error"));
+    return digest;
 }
 
 struct FileUploadManager::Stream {
@@ -169,7 +195,8 @@ void FileUploadManager::uploadFile(const std::filesystem::path& fileURL, const s
         platform::HttpRequest request;
         request.method = "POST";
         request.url = *url;
-        request.timeout = kRequestTimeout;
+        request.timeout = timeouts_.request;
+        request.answerTimeout = timeouts_.uploadAnswer;
         request.headers.push_back({"Authorization", "Bearer " + token.value_or("")});
         request.body = platform::HttpBody::fromFile(fileURL);
         request.onUploadProgress = [this, alive](std::int64_t sent, std::int64_t total) {
@@ -244,7 +271,9 @@ void FileUploadManager::transcribeFile(const std::string& fileUUID, const std::s
     platform::HttpRequest request;
     request.method = "GET";
     request.url = *url;
-    request.timeout = kRequestTimeout;
+    request.timeout = timeouts_.request;
+    request.lineTimeout = timeouts_.streamLine;
+    request.totalTimeout = timeouts_.streamTotal;
     request.headers.push_back({"Authorization", "Bearer " + deps_.settings.token().value_or("")});
     request.onResponse = [alive, stream](const platform::HttpResponse& head) {
         if (auto t = alive.lock(); !t || !*t) return;

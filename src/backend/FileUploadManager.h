@@ -2,6 +2,7 @@
 // A long file in two calls to one backend: the bytes go up first and get an id, then the same backend transcribes
 // that id and answers with a stream of JSON lines (progress, then the text). Which backend took which file is
 // remembered by the file's SHA-256 digest until its transcription ends.
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -46,6 +47,24 @@ public:
 
     static constexpr std::chrono::milliseconds kRequestTimeout{60'000};
 
+    // Besides the request time-out (nothing moving for that long), what keeps a server that never ends its
+    // answer from holding a job open.
+    struct Timeouts {
+        // Both requests: no byte in either direction for this long.
+        std::chrono::milliseconds request = kRequestTimeout;
+        // The upload's answer, counted from its last byte sent. Sending a large file may take hours on a slow
+        // link and is only held to `request`; after it the server merely stores the bytes and answers with an
+        // id, and its silence is already bounded by `request`, so two such periods cover any honest answer.
+        std::chrono::milliseconds uploadAnswer = 2 * kRequestTimeout;
+        // The transcription stream legitimately runs as long as the file is long, so it is judged by progress:
+        // a server sends a whole line for each piece it has done, and bytes that trickle in without completing
+        // a line for this long are no progress.
+        std::chrono::milliseconds streamLine = kRequestTimeout;
+        // A backstop for a server that keeps sending progress lines forever: the bound the command line puts on
+        // a whole long-file job, past which no user is still waiting.
+        std::chrono::milliseconds streamTotal = std::chrono::hours(6);
+    };
+
     explicit FileUploadManager(Dependencies deps);
     ~FileUploadManager();
     FileUploadManager(const FileUploadManager&) = delete;
@@ -63,6 +82,10 @@ public:
     std::function<void(double progress)> onUploadProgressChanged;
     bool hasUploadTask() const { return uploadTask_ != nullptr; }
 
+    // The defaults unless a test needs time-outs that end sooner.
+    void setTimeouts(const Timeouts& timeouts) { timeouts_ = timeouts; }
+    const Timeouts& timeouts() const { return timeouts_; }
+
 private:
     struct Stream;
     void setEndpoint(const std::string& fileHash, std::optional<BackendBalancerPtr> endpoint);
@@ -72,6 +95,7 @@ private:
 
     Dependencies deps_;
     std::map<std::string, BackendBalancerPtr> endpointByFileHash_;
+    Timeouts timeouts_;
     double uploadProgress_ = 0;
     std::shared_ptr<platform::HttpTask> uploadTask_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

@@ -347,6 +347,12 @@ void HttpAudioUploadManager::sendAttempt(const std::shared_ptr<Attempt>& attempt
     request.method = "POST";
     request.url = attempt->url;
     request.timeout = requestTimeout_;
+    // A server that keeps trickling bytes never trips the request time-out, so the answer has a bound of its own.
+    // It counts from the moment the recording has gone out, because sending takes as long as the link makes it.
+    // The server's thinking needs no extra room: a silence longer than the request time-out fails the request
+    // anyway. An honest answer has at most two such silences (before the transcript, and before the AI result of
+    // the streamed form) and a few short lines, which two and a half periods cover.
+    request.answerTimeout = requestTimeout_ * 5 / 2;
     request.headers = {{"Authorization", "Bearer " + deps_.settings.token().value_or("")},
                        {"Accept-Language", acceptLanguage_},
                        {"Content-Type", body.contentType()}};

@@ -98,7 +98,7 @@ public:
     bool hasUploadTask() const { return uploadTask_ != nullptr; }
     int retries() const { return retries_; }
 
-    // 120 seconds unless a test needs time-outs that end sooner.
+    // 120 seconds unless a test needs time-outs that end sooner; the bound on the answer follows it.
     void setRequestTimeout(std::chrono::milliseconds timeout) { requestTimeout_ = timeout; }
 
     // Process-wide request constants.

@@ -4,9 +4,28 @@
 #include <string>
 #include <string_view>
 
+struct evp_md_ctx_st;
+
 namespace sprelio {
 
 std::string md5Hex(std::string_view bytes);
 std::string sha256Hex(std::string_view bytes);
+
+// SHA-256 over bytes that arrive in pieces, so that a file of any size is digested without being held whole.
+class Sha256Stream {
+public:
+    Sha256Stream();
+    ~Sha256Stream();
+    Sha256Stream(const Sha256Stream&) = delete;
+    Sha256Stream& operator=(const Sha256Stream&) = delete;
+
+    void update(std::string_view bytes);
+    // The digest of everything passed to update; the stream is used up afterwards.
+    std::string finishHex();
+
+private:
+    evp_md_ctx_st* context_;
+    bool finished_ = false;
+};
 
 } // namespace sprelio

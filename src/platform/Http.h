@@ -98,6 +98,13 @@ struct HttpRequest {
     std::chrono::milliseconds timeout{60'000};
     // A limit on the whole transfer, for answers that could trickle forever. None: only `timeout` applies.
     std::optional<std::chrono::milliseconds> totalTimeout;
+    // A limit on the answer alone, for uploads whose sending time grows with the body and the link: counted from
+    // the moment the last byte of the body has gone out (from the start for a request without a body) to the end
+    // of the answer. The sending itself stays under `timeout`.
+    std::optional<std::chrono::milliseconds> answerTimeout;
+    // With onLine: fails the transfer with a time-out when the answer has begun and no complete line has arrived
+    // for this long, so that bytes which trickle in without ever finishing a line count as silence.
+    std::optional<std::chrono::milliseconds> lineTimeout;
     // An answer body kept in memory larger than this ends the transfer as a bad server response.
     std::size_t maxBodyBytes = 64u * 1024u * 1024u;
 

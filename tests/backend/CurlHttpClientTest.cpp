@@ -1,10 +1,17 @@
 // The HTTP transport against a real server on loopback, through the real libcurl client and a real-time loop.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <thread>
 
 #include "backend/MultipartBody.h"
 #include "backend/ScriptedServer.h"
@@ -27,6 +34,79 @@ using platform::HttpResult;
 constexpr auto kWait = 20s;
 
 using TempFolder = platform::test::TemporaryFolder;
+
+// Clears the proxy variables for its lifetime and, when given one, routes plain http through `proxy`.
+class ProxyEnvironment {
+public:
+    explicit ProxyEnvironment(const std::string& proxy = {}) {
+        for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "no_proxy", "NO_PROXY",
+                                 "all_proxy", "ALL_PROXY"}) {
+            if (const char* value = std::getenv(name)) saved_.emplace_back(name, value);
+            ::unsetenv(name);
+        }
+        if (!proxy.empty()) {
+            ::setenv("http_proxy", proxy.c_str(), 1);
+            ::setenv("HTTP_PROXY", proxy.c_str(), 1);
+        }
+    }
+    ~ProxyEnvironment() {
+        ::unsetenv("http_proxy");
+        ::unsetenv("HTTP_PROXY");
+        for (const auto& [name, value] : saved_) ::setenv(name.c_str(), value.c_str(), 1);
+    }
+    ProxyEnvironment(const ProxyEnvironment&) = delete;
+    ProxyEnvironment& operator=(const ProxyEnvironment&) = delete;
+
+private:
+    std::vector<std::pair<std::string, std::string>> saved_;
+};
+
+// A plain TCP server on loopback that answers whatever arrives with a few bytes of HTTP and hangs up: what a
+// client speaking TLS to it gets instead of a handshake.
+class GarbageServer {
+public:
+    GarbageServer() {
+        listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+            ::listen(listener_, 8) != 0) {
+            throw std::runtime_error("GarbageServer: can't listen on 127.0.0.1");
+        }
+        socklen_t length = sizeof address;
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] {
+            for (;;) {
+                const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+                if (fd < 0) return; // the listener was shut down
+                ++connections_;
+                char hello[4096];
+                (void)::recv(fd, hello, sizeof hello, 0);
+                const std::string_view reply = "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
+                (void)::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+                ::close(fd);
+            }
+        });
+    }
+    ~GarbageServer() {
+        ::shutdown(listener_, SHUT_RDWR);
+        thread_.join();
+        ::close(listener_);
+    }
+    GarbageServer(const GarbageServer&) = delete;
+    GarbageServer& operator=(const GarbageServer&) = delete;
+
+    int port() const { return port_; }
+    int connections() const { return connections_.load(); }
+
+private:
+    int listener_ = -1;
+    int port_ = 0;
+    std::atomic<int> connections_{0};
+    std::thread thread_;
+};
 
 class HttpTransportTest : public ::testing::Test {
 protected:
@@ -381,6 +461,74 @@ TEST_F(HttpTransportTest, BodyThatNeverEndsHitsTheTotalTimeOut) {
     }
 }
 
+TEST_F(HttpTransportTest, AnswerTimeOutCountsFromTheLastByteOfTheBody) {
+    TempFolder folder;
+    const auto path = folder.path() / "clip.mp4";
+    std::ofstream(path, std::ios::binary) << std::string(2 * 1024 * 1024, 'a');
+    Script endless;
+    endless.body = "{\"uuid\":";
+    endless.trickle = " ";
+    endless.trickleEvery = 20ms;
+    server.script("/endless", endless);
+    // Silent for a while, then a whole answer: within the bound, so it must pass.
+    Script late;
+    late.delayBeforeHead = 300ms;
+    late.body = R"({"uuid":"A"})";
+    server.script("/late", late);
+
+    auto upload = [&](const std::string& target) {
+        HttpRequest request;
+        request.method = "POST";
+        request.url = server.url(target);
+        request.body = platform::HttpBody::fromFile(path);
+        request.timeout = 2s;
+        request.answerTimeout = 1s;
+        return sendAndWait(std::move(request));
+    };
+    auto trickled = upload("/endless");
+    EXPECT_EQ(error(*trickled).code, url_error::kTimedOut);
+    EXPECT_EQ(error(*trickled).domain, "NSURLErrorDomain");
+    EXPECT_NE(error(*trickled).localizedDescription.find("answer had not ended"), std::string::npos)
+        << error(*trickled).localizedDescription;
+    auto answered = upload("/late");
+    EXPECT_EQ(response(*answered).status, 200);
+    EXPECT_EQ(response(*answered).body, R"({"uuid":"A"})");
+    for (const auto& request : server.requests()) EXPECT_EQ(request.bodySize, 2u * 1024u * 1024u);
+}
+
+TEST_F(HttpTransportTest, LineTimeOutEndsBytesThatNeverCompleteALine) {
+    Script partial;
+    partial.headers = {{"Content-Type", "application/x-ndjson"}};
+    partial.body = "{\"progress_text\":\"a\"}\n{\"progress_text\":";
+    partial.trickle = "x";
+    partial.trickleEvery = 20ms;
+    server.script("/partial", partial);
+    // Lines that keep coming reset the limit: this stream lasts longer than it and still ends well.
+    Script steady;
+    steady.headers = {{"Content-Type", "application/x-ndjson"}};
+    for (int i = 0; i < 8; ++i) {
+        steady.stream.push_back(StreamStep::write("{\"progress_text\":\"" + std::to_string(i) + "\"}\n"));
+        steady.stream.push_back(StreamStep::sleep(150ms));
+    }
+    server.script("/steady", steady);
+
+    auto stream = [&](const std::string& target) {
+        HttpRequest request = get(server.url(target));
+        request.timeout = 2s;
+        request.lineTimeout = 600ms;
+        request.onLine = [](std::string) {};
+        return sendAndWait(std::move(request));
+    };
+    auto stalled = stream("/partial");
+    EXPECT_EQ(error(*stalled).code, url_error::kTimedOut);
+    EXPECT_NE(error(*stalled).localizedDescription.find("no complete line"), std::string::npos)
+        << error(*stalled).localizedDescription;
+    EXPECT_EQ(stalled->lines, std::vector<std::string>{"{\"progress_text\":\"a\"}"});
+    auto flowing = stream("/steady");
+    EXPECT_EQ(response(*flowing).status, 200);
+    EXPECT_EQ(flowing->lines.size(), 8u);
+}
+
 TEST_F(HttpTransportTest, RefusedConnectionIsCannotConnect) {
     std::string url;
     {
@@ -389,7 +537,32 @@ TEST_F(HttpTransportTest, RefusedConnectionIsCannotConnect) {
     }
     auto outcome = sendAndWait(get(url));
     EXPECT_EQ(error(*outcome).code, url_error::kCannotConnectToHost);
+    EXPECT_EQ(error(*outcome).domain, "NSURLErrorDomain");
+    EXPECT_NE(error(*outcome).localizedDescription.find("Could not connect to the server"), std::string::npos);
     EXPECT_EQ(error(*outcome).userInfo.at("NSErrorFailingURLStringKey"), url);
+}
+
+TEST_F(HttpTransportTest, UnknownHostIsCannotFindHost) {
+    // Without a proxy the name itself is resolved; the reserved TLD guarantees that it does not exist.
+    ProxyEnvironment noProxy;
+    const std::string url = "https://sprelio-no-such-host.invalid/users/info";
+    auto outcome = sendAndWait(get(url));
+    EXPECT_EQ(error(*outcome).code, url_error::kCannotFindHost);
+    EXPECT_EQ(error(*outcome).domain, "NSURLErrorDomain");
+    EXPECT_NE(error(*outcome).localizedDescription.find("host name could not be found"), std::string::npos)
+        << error(*outcome).localizedDescription;
+    EXPECT_EQ(error(*outcome).userInfo.at("NSErrorFailingURLStringKey"), url);
+}
+
+TEST_F(HttpTransportTest, PlainTcpAnswerToHttpsIsSecureConnectionFailed) {
+    GarbageServer plain;
+    const std::string url = "https://127.0.0.1:" + std::to_string(plain.port()) + "/transcribe";
+    auto outcome = sendAndWait(get(url));
+    EXPECT_EQ(error(*outcome).code, url_error::kSecureConnectionFailed);
+    EXPECT_EQ(error(*outcome).domain, "NSURLErrorDomain");
+    EXPECT_NE(error(*outcome).localizedDescription.find("secure connection"), std::string::npos)
+        << error(*outcome).localizedDescription;
+    EXPECT_GE(plain.connections(), 1);
 }
 
 TEST_F(HttpTransportTest, ConnectionClosedMidStreamIsConnectionLost) {
@@ -428,26 +601,6 @@ TEST_F(HttpTransportTest, LineLongerThan16MegabytesIsABadServerResponse) {
 
 // ---- Cleartext rules ----
 
-class ProxyEnvironment {
-public:
-    explicit ProxyEnvironment(const std::string& proxy) {
-        for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "no_proxy", "NO_PROXY"}) {
-            if (const char* value = std::getenv(name)) saved_.emplace_back(name, value);
-            ::unsetenv(name);
-        }
-        ::setenv("http_proxy", proxy.c_str(), 1);
-        ::setenv("HTTP_PROXY", proxy.c_str(), 1);
-    }
-    ~ProxyEnvironment() {
-        ::unsetenv("http_proxy");
-        ::unsetenv("HTTP_PROXY");
-        for (const auto& [name, value] : saved_) ::setenv(name.c_str(), value.c_str(), 1);
-    }
-
-private:
-    std::vector<std::pair<std::string, std::string>> saved_;
-};
-
 TEST_F(HttpTransportTest, PlainHttpToAnotherHostAndCleartextBearerTokensNeverLeave) {
     // Were anything sent, it would go through this "proxy", which records every request.
     ScriptedServer proxy;
@@ -475,6 +628,63 @@ TEST_F(HttpTransportTest, PlainHttpToAnotherHostAndCleartextBearerTokensNeverLea
     EXPECT_EQ(error(*unsupported).code, platform::url_error_extra::kUnsupportedURL);
     auto bad = sendAndWait(get("not a url"));
     EXPECT_EQ(error(*bad).code, platform::url_error_extra::kBadURL);
+}
+
+// No route anywhere, as on a machine without any network: a fresh network namespace holds only a loopback
+// device, and that one is down. The namespace is entered by a child process so that nothing else is affected.
+TEST(HttpTransportOfflineTest, NoRouteIsNotConnectedToTheInternet) {
+    int channel[2];
+    ASSERT_EQ(::pipe2(channel, O_CLOEXEC), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::close(channel[0]);
+        auto report = [&](int status, const std::string& text) {
+            (void)!::write(channel[1], text.data(), text.size());
+            ::_exit(status);
+        };
+        if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
+            report(77, std::string("can't enter a network namespace of its own: ") + std::strerror(errno));
+        }
+        for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+            ::unsetenv(name);
+        }
+        // The child must never return into the test runner, whatever happens.
+        try {
+            platform::RealTimeLoop loop;
+            platform::CurlHttpClient client(loop);
+            std::optional<HttpResult> result;
+            HttpRequest request;
+            request.url = "https://192.0.2.1/users/info";
+            request.timeout = 10s;
+            client.send(std::move(request), [&](HttpResult r) { result = std::move(r); });
+            if (!loop.runUntil([&] { return result.has_value(); }, kWait)) report(2, "no completion");
+            if (!std::holds_alternative<Error>(*result)) report(3, "an answer without any network");
+            const Error failure = std::get<Error>(*result);
+            const bool expected = failure.code == url_error::kNotConnectedToInternet &&
+                                  failure.domain == "NSURLErrorDomain" &&
+                                  failure.localizedDescription.find("offline") != std::string::npos;
+            report(expected ? 0 : 1, failure.debugDescription());
+        } catch (const std::exception& e) {
+            report(4, e.what());
+        }
+        report(5, "unreachable");
+    }
+    ::close(channel[1]);
+    std::string text;
+    char buffer[512];
+    for (ssize_t got; (got = ::read(channel[0], buffer, sizeof buffer)) != 0;) {
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) break;
+        text.append(buffer, static_cast<std::size_t>(got));
+    }
+    ::close(channel[0]);
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    ASSERT_TRUE(WIFEXITED(status)) << "the child ended by a signal";
+    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << text;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << text;
 }
 
 TEST(LoopbackHostTest, OnlyLoopbackAddressesCount) {

@@ -3,12 +3,15 @@
 
 #include "backend/FileUploadManager.h"
 #include "backend/UploadTestSupport.h"
+#include "core/Digest.h"
 
 namespace sprelio {
 namespace {
 
 using namespace std::chrono_literals;
 using backendtest::jsonAnswer;
+using backendtest::Script;
+using backendtest::StreamStep;
 using backendtest::streamAnswer;
 
 class FileUploadTest : public backendtest::UploadFixture {
@@ -140,6 +143,153 @@ TEST_F(FileUploadTest, StreamErrorsUnknownLinesAndErrorStatuses) {
     auto none = transcribe(jsonAnswer("{}"));
     ASSERT_TRUE(none.error);
     EXPECT_EQ(none.error->code, static_cast<long>(SPRLocalizedError::balancerError));
+}
+
+
+// A server that keeps the upload's answer open by sending a byte now and then.
+TEST_F(FileUploadTest, UploadWhoseAnswerNeverEndsFailsWithATimeOut) {
+    FileUploadManager::Timeouts timeouts;
+    timeouts.request = 2s;
+    timeouts.uploadAnswer = 1s;
+    files->setTimeouts(timeouts);
+    Script endless = jsonAnswer(R"({"uuid":)");
+    endless.trickle = " ";
+    endless.trickleEvery = 20ms;
+    servers[0]->script("/transcribe/file/F-1", endless);
+
+    auto result = upload();
+    ASSERT_TRUE(result.error);
+    EXPECT_FALSE(result.id);
+    EXPECT_EQ(result.error->domain, "NSURLErrorDomain");
+    EXPECT_EQ(result.error->code, url_error::kTimedOut);
+    EXPECT_NE(result.error->localizedDescription.find("answer had not ended"), std::string::npos)
+        << result.error->localizedDescription;
+    EXPECT_EQ(posts(*servers[0]).at(0).bodySize, recordingBytes.size()) << "the whole file went up first";
+    EXPECT_FALSE(files->hasUploadTask());
+    EXPECT_EQ(files->uploadProgress(), 0.0);
+    EXPECT_TRUE(logs.containsPrefix("AudioUploadManager.uploadFile() - Upload error: "));
+}
+
+TEST_F(FileUploadTest, StreamThatNeverCompletesALineEndsInTheErrorPath) {
+    servers[0]->script("/transcribe/file/F-1", jsonAnswer(R"({"uuid":"F-1"})"));
+    ASSERT_TRUE(upload().id);
+    FileUploadManager::Timeouts timeouts;
+    timeouts.request = 2s;
+    timeouts.streamLine = 600ms;
+    files->setTimeouts(timeouts);
+    Script partial;
+    partial.headers = {{"Content-Type", "application/x-ndjson"}};
+    partial.body = "{\"progress_text\":\"Decoding\",\"duration\":2}\n{\"progress_text\":\"";
+    partial.trickle = "x";
+    partial.trickleEvery = 20ms;
+
+    auto result = transcribe(partial);
+    ASSERT_TRUE(result.error);
+    EXPECT_FALSE(result.text);
+    EXPECT_EQ(result.error->code, url_error::kTimedOut);
+    EXPECT_NE(result.error->localizedDescription.find("no complete line"), std::string::npos)
+        << result.error->localizedDescription;
+    ASSERT_EQ(result.progress.size(), 1u);
+    EXPECT_EQ(result.progress[0].first, "Decoding");
+    EXPECT_TRUE(files->endpointByFileHash().empty()) << "a failed transcription forgets the file's backend";
+    EXPECT_TRUE(logs.containsPrefix("AudioUploadManager.transcribeFile() - Transcription failed: "));
+}
+
+TEST_F(FileUploadTest, StreamOfProgressThatNeverEndsHitsTheTotalLimit) {
+    servers[0]->script("/transcribe/file/F-1", jsonAnswer(R"({"uuid":"F-1"})"));
+    ASSERT_TRUE(upload().id);
+    FileUploadManager::Timeouts timeouts;
+    timeouts.request = 2s;
+    timeouts.streamLine = 2s;
+    timeouts.streamTotal = 1500ms;
+    files->setTimeouts(timeouts);
+    Script endless;
+    endless.headers = {{"Content-Type", "application/x-ndjson"}};
+    endless.body = "{\"progress_text\":\"start\",\"duration\":0}\n";
+    endless.trickle = "{\"progress_text\":\"still working\"}\n";
+    endless.trickleEvery = 50ms;
+
+    auto result = transcribe(endless);
+    ASSERT_TRUE(result.error);
+    EXPECT_FALSE(result.text);
+    EXPECT_EQ(result.error->domain, "NSURLErrorDomain");
+    EXPECT_EQ(result.error->code, url_error::kTimedOut);
+    EXPECT_FALSE(result.error->localizedDescription.empty());
+    EXPECT_GT(result.progress.size(), 1u) << "the lines before the limit were delivered";
+    EXPECT_TRUE(files->endpointByFileHash().empty());
+}
+
+TEST_F(FileUploadTest, StreamLineOver16MegabytesEndsInTheErrorPath) {
+    servers[0]->script("/transcribe/file/F-1", jsonAnswer(R"({"uuid":"F-1"})"));
+    ASSERT_TRUE(upload().id);
+    Script huge;
+    huge.headers = {{"Content-Type", "application/x-ndjson"}};
+    huge.stream.push_back(StreamStep::write("{\"progress_text\":\"Decoding\"}\n{\"progress_text\":\""));
+    const std::string megabyte(1024 * 1024, 'x');
+    for (int i = 0; i < 17; ++i) huge.stream.push_back(StreamStep::write(megabyte));
+    huge.stream.push_back(StreamStep::hangForever());
+
+    auto result = transcribe(huge);
+    ASSERT_TRUE(result.error);
+    EXPECT_FALSE(result.text);
+    EXPECT_EQ(result.error->domain, "NSURLErrorDomain");
+    EXPECT_EQ(result.error->code, url_error::kBadServerResponse);
+    EXPECT_NE(result.error->localizedDescription.find("16 MB"), std::string::npos)
+        << result.error->localizedDescription;
+    EXPECT_EQ(result.progress.size(), 1u);
+    EXPECT_TRUE(files->endpointByFileHash().empty());
+    EXPECT_TRUE(logs.containsPrefix("AudioUploadManager.transcribeFile() - Transcription failed: "));
+}
+
+// Bytes whose digest sha256sum gave: a little over 3 MiB, so that the file goes through in several pieces and
+// the last one is short.
+std::string digestSample() {
+    std::string bytes(3 * 1024 * 1024 + 17, '\0');
+    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>((i * 131 + (i >> 11)) & 0xFF);
+    return bytes;
+}
+
+TEST(Sha256HashTest, FileDigestsMatchKnownValues) {
+    backendtest::TempFolder folder;
+    const auto sample = folder.path() / "sample.bin";
+    const auto empty = folder.path() / "empty.caf";
+    const auto abc = folder.path() / "abc.txt";
+    std::ofstream(sample, std::ios::binary) << digestSample();
+    std::ofstream(empty, std::ios::binary).flush();
+    std::ofstream(abc, std::ios::binary) << "abc";
+
+    EXPECT_EQ(sha256Hash(sample), std::optional<std::string>(
+                                      "33bb046e2974dd7cdc5d702b9500070ca08c0423ed01fc9e13b99741fc1b7cf4"));
+    EXPECT_EQ(sha256Hash(empty), std::optional<std::string>(
+                                     "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"));
+    EXPECT_EQ(sha256Hash(abc), std::optional<std::string>(
+                                   "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
+}
+
+TEST(Sha256HashTest, PiecesOfAnySizeGiveTheDigestOfTheWhole) {
+    const std::string sample = digestSample();
+    Sha256Stream stream;
+    std::size_t at = 0;
+    for (std::size_t piece : {0u, 1u, 63u, 64u, 65u, 4096u, 1000003u}) {
+        stream.update(std::string_view(sample).substr(at, piece));
+        at += piece;
+    }
+    stream.update(std::string_view(sample).substr(at));
+    EXPECT_EQ(stream.finishHex(), sha256Hex(sample));
+    EXPECT_EQ(sha256Hex(sample), "33bb046e2974dd7cdc5d702b9500070ca08c0423ed01fc9e13b99741fc1b7cf4");
+}
+
+TEST(Sha256HashTest, UnreadableFileGivesNothingAndSaysWhy) {
+    platform::test::RecordingLogSink logs;
+    backendtest::TempFolder folder;
+    EXPECT_EQ(sha256Hash(folder.path() / "missing.caf"), std::nullopt);
+    EXPECT_TRUE(logs.containsPrefix("FileManager.sha256Hash() - Failed to compute SHA-256 hash: The file "
+                                    "“missing.caf” couldn’t be read: No such file or directory"));
+    logs.clear();
+    std::filesystem::create_directory(folder.path() / "folder.mp4");
+    EXPECT_EQ(sha256Hash(folder.path() / "folder.mp4"), std::nullopt);
+    EXPECT_TRUE(logs.containsPrefix("FileManager.sha256Hash() - Failed to compute SHA-256 hash: The file "
+                                    "“folder.mp4” couldn’t be read: Is a directory"));
 }
 
 } // namespace

@@ -267,6 +267,61 @@ TEST_F(BadAnswers, EveryBadAnswerEndsInTheErrorPathWithAClearDescription) {
     }
 }
 
+// A server that keeps the answer open by trickling bytes: the request time-out never fires, the answer's own bound
+// does, and the attempt ends like any transport failure.
+TEST_F(BadAnswers, AnswerThatNeverEndsTimesOutAndEndsTheChain) {
+    Script plain = jsonAnswer("{\"text\":\"");
+    plain.trickle = "a";
+    plain.trickleEvery = 20ms;
+    Script streamed = jsonAnswer("{\"text\":\"first\",\"language\":\"en\"}\n", 200, "text/event-stream");
+    streamed.trickle = "{\"foo\":1}\n";
+    streamed.trickleEvery = 20ms;
+    for (const auto& [name, script] : {std::pair{"plain", plain}, std::pair{"streamed", streamed}}) {
+        SCOPED_TRACE(name);
+        history.entries.clear();
+        useBackends(1);
+        servers.back()->script("/transcribe", script);
+        // The answer's bound is two and a half request time-outs: one second here.
+        manager->setRequestTimeout(400ms);
+        auto outcome = upload();
+        ASSERT_TRUE(waitFor([&] { return !outcome->calls.empty(); }));
+        drain();
+        ASSERT_EQ(outcome->calls.size(), 1u) << "nothing of an answer that never ended reaches the caller";
+        ASSERT_TRUE(outcome->calls[0].error);
+        EXPECT_FALSE(outcome->calls[0].result);
+        EXPECT_EQ(outcome->calls[0].error->domain, "NSURLErrorDomain");
+        EXPECT_EQ(outcome->calls[0].error->code, url_error::kTimedOut);
+        EXPECT_NE(outcome->calls[0].error->localizedDescription.find("answer had not ended"), std::string::npos)
+            << outcome->calls[0].error->localizedDescription;
+        // One entry for the transport failure, one for the end of the chain.
+        ASSERT_EQ(history.count(HistoryManagerLogLevel::error), 2u);
+        EXPECT_EQ(history.entries[0].message, outcome->calls[0].error->localizedDescription);
+        EXPECT_EQ(history.entries[0].requestID, requestID);
+        EXPECT_TRUE(allOnline(balancing->balancers()));
+        EXPECT_TRUE(balancing->lastTranscriptionHadError());
+        EXPECT_FALSE(manager->hasUploadTask());
+    }
+}
+
+TEST_F(BadAnswers, AnswerThatNeverEndsMovesTheUploadToTheNextBackend) {
+    auto backends = useBackends(2);
+    Script endless = jsonAnswer("{\"text\":\"");
+    endless.trickle = "a";
+    endless.trickleEvery = 20ms;
+    servers[0]->script("/transcribe", endless);
+    servers[1]->script("/transcribe", jsonAnswer(R"({"text":"from the second","language":"en"})"));
+    manager->setRequestTimeout(400ms);
+    auto outcome = upload();
+    ASSERT_TRUE(waitFor([&] { return !outcome->calls.empty(); }));
+    drain();
+    ASSERT_EQ(outcome->calls.size(), 1u);
+    ASSERT_TRUE(outcome->calls[0].result);
+    EXPECT_EQ((*outcome->calls[0].result)["text"], "from the second");
+    EXPECT_FALSE(backends[0]->isOnline) << "a backend whose answer never ends is invalidated";
+    EXPECT_TRUE(logs.contains("AudioUploadManager.evaluateAndHandleError() - invalidating balancer B1"));
+    EXPECT_EQ(history.count(HistoryManagerLogLevel::error), 2u);
+}
+
 TEST_F(FailureTable, EmptyAndUndecodableAnswersGoStraightToTheCaller) {
     useBackends(1);
     servers[0]->script("/transcribe", jsonAnswer("", 200));

@@ -125,6 +125,8 @@ struct Transfer {
     bool loopback = false;
     std::chrono::milliseconds timeout{0};
     std::optional<std::chrono::milliseconds> totalTimeout;
+    std::optional<std::chrono::milliseconds> answerTimeout;
+    std::optional<std::chrono::milliseconds> lineTimeout;
     std::size_t maxBodyBytes = 0;
 
     CURL* easy = nullptr;
@@ -146,6 +148,9 @@ struct Transfer {
     // Why a callback ended the transfer, when it did.
     std::optional<Error> abortReason;
     SteadyClock::time_point lastActivity;
+    // When the last byte of the body went out, and when the answer began or last completed a line.
+    std::optional<SteadyClock::time_point> bodySentAt;
+    std::optional<SteadyClock::time_point> lastLineAt;
     curl_off_t lastDl = -1;
     curl_off_t lastUl = -1;
     curl_off_t lastPostedUl = -1;
@@ -255,6 +260,7 @@ std::size_t receiveHeader(char* data, std::size_t size, std::size_t items, void*
     auto& t = *static_cast<Transfer*>(user);
     const std::size_t length = size * items;
     t.lastActivity = SteadyClock::now();
+    if (!t.lastLineAt) t.lastLineAt = t.lastActivity;
     std::string_view line(data, length);
     if (line.rfind("HTTP/", 0) == 0) {
         // A new status line: an interim answer (100 Continue) is replaced by the final one.
@@ -296,6 +302,8 @@ std::size_t receiveBody(char* data, std::size_t size, std::size_t items, void* u
     t.lineBuffer.erase(0, start);
     t.lineScanFrom = t.lineBuffer.size();
     if (!lines.empty()) {
+        // Only a line with content counts: blank lines are dropped and say nothing about progress.
+        t.lastLineAt = t.lastActivity;
         t.post([lines = std::move(lines)](Delivery& d) {
             for (const auto& line : lines) {
                 if (d.cancelled.load()) return;
@@ -329,6 +337,18 @@ int transferProgress(void* user, curl_off_t, curl_off_t dlNow, curl_off_t ulTota
     if (now - t.lastActivity >= t.timeout) {
         t.abortWith(url_error::kTimedOut, "The request timed out: nothing was sent or received for " +
                                               std::to_string(t.timeout.count()) + " ms.");
+        return 1;
+    }
+    if (!t.bodySentAt && ulNow >= t.bodySize) t.bodySentAt = now;
+    if (t.answerTimeout && t.bodySentAt && now - *t.bodySentAt >= *t.answerTimeout) {
+        t.abortWith(url_error::kTimedOut, "The request timed out: the server's answer had not ended " +
+                                              std::to_string(t.answerTimeout->count()) +
+                                              " ms after the request was sent.");
+        return 1;
+    }
+    if (t.streamsLines && t.lineTimeout && t.lastLineAt && now - *t.lastLineAt >= *t.lineTimeout) {
+        t.abortWith(url_error::kTimedOut, "The request timed out: no complete line arrived in the server's answer "
+                                          "for " + std::to_string(t.lineTimeout->count()) + " ms.");
         return 1;
     }
     return 0;
@@ -690,6 +710,8 @@ std::shared_ptr<HttpTask> CurlHttpClient::send(HttpRequest request, Completion c
     transfer->loopback = loopback;
     transfer->timeout = std::max(request.timeout, std::chrono::milliseconds(1));
     transfer->totalTimeout = request.totalTimeout;
+    transfer->answerTimeout = request.answerTimeout;
+    transfer->lineTimeout = request.lineTimeout;
     transfer->maxBodyBytes = request.maxBodyBytes;
     engine_->add(std::move(transfer));
     return task;
