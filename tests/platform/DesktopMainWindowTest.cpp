@@ -184,6 +184,11 @@ TEST_F(DesktopMainWindow, OpeningATabShowsTheWindowOnItAndTheSidebarChoosesTabsT
     ASSERT_TRUE(processUntil([&] { return appState_.selectedContentViewTab() == ContentViewTab::about; }));
     EXPECT_EQ(mirror_.selectedContentViewTab(), ContentViewTab::about);
     EXPECT_TRUE(window_->page(ContentViewTab::about)->isVisible());
+
+    // The event path knows whether the pointer is over our window.
+    EXPECT_TRUE(processUntil([&] { return mirror_.userIsHoveringContentView(); }));
+    ASSERT_TRUE(run("xdotool mousemove 2 2"));
+    EXPECT_TRUE(processUntil([&] { return !mirror_.userIsHoveringContentView(); }));
 }
 
 TEST_F(DesktopMainWindow, EscapeClosesTheWindowButNotWhileAPopupIsOpen) {

@@ -216,6 +216,16 @@ void MainWindow::showEvent(QShowEvent* event) {
     pageAppears(currentTab_);
 }
 
+void MainWindow::enterEvent(QEnterEvent* event) {
+    QWidget::enterEvent(event);
+    deps_.appState.setUserIsHoveringContentView(true);
+}
+
+void MainWindow::leaveEvent(QEvent* event) {
+    QWidget::leaveEvent(event);
+    deps_.appState.setUserIsHoveringContentView(false);
+}
+
 void MainWindow::appStateChanged(std::string_view field) {
     if (field == "statusBannerViewMessage" || field == "statusBannerViewTimeoutSeconds" || field == "isShowingBanner") {
         banner_->update();

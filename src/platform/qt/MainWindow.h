@@ -97,6 +97,10 @@ public:
 
 protected:
     void showEvent(QShowEvent* event) override;
+    // Whether the pointer is over the window decides, with the tab shown, whether hotkeys act while Sprelio is in
+    // front (a tab that takes dictated text still wants them).
+    void enterEvent(QEnterEvent* event) override;
+    void leaveEvent(QEvent* event) override;
 
 private:
     void pageAppears(ContentViewTab tab);
