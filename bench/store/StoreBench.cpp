@@ -31,6 +31,7 @@ private:
 
 struct NullAppDelegate final : SharedAppDelegate {
     void updateCachedUserShortcuts() override { ++calls; }
+    void setupMenuWithMainMenu() override {}
     long calls = 0;
 };
 

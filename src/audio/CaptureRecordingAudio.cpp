@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "audio/CafFormat.h"
+#include "core/SharedAppDelegate.h"
 #include "diagnostics/Log.h"
 
 namespace sprelio {
@@ -18,9 +19,13 @@ float decibels(double amplitudeSquared) {
 
 } // namespace
 
+void returnSharedAppDelegateToMainMenu() {
+    if (SharedAppDelegate* shared = unwrappedAppDelegate()) shared->setupMenuWithMainMenu();
+}
+
 CaptureRecordingAudio::CaptureRecordingAudio(std::filesystem::path path, platform::AudioCapture& capture,
-                                             platform::WorkerPool& workers)
-    : url_(std::move(path)), capture_(capture), workers_(workers) {}
+                                             platform::WorkerPool& workers, ReturnToMainMenu returnToMainMenu)
+    : url_(std::move(path)), capture_(capture), workers_(workers), returnToMainMenu_(std::move(returnToMainMenu)) {}
 
 CaptureRecordingAudio::~CaptureRecordingAudio() {
     // An owner that lets go of a running recorder: end the capture, so that no callback finds the instance gone.
@@ -171,14 +176,17 @@ void CaptureRecordingAudio::finishOnWorker(bool captureFailed) {
 void CaptureRecordingAudio::deliverCompletion(bool success) {
     if (completed_.exchange(true)) return;
     logInfo(std::string("RecordingAudio.audioRecorderDidFinishRecording() - success: ") + (success ? "true" : "false"));
-    Completion completion;
-    {
+    const auto currentCompletion = [this] {
         std::lock_guard guard(completionMutex_);
-        completion = onRecordingCompletion_;
-    }
+        return onRecordingCompletion_;
+    };
+    Completion completion = currentCompletion();
     if (!completion) {
         logInfo("RecordingAudio.audioRecorderDidFinishRecording() - onRecordingCompletion == nil, returning to menu");
-        return;
+        if (returnToMainMenu_) returnToMainMenu_();
+        // An owner that set its completion in the meantime still hears of the recording.
+        completion = currentCompletion();
+        if (!completion) return;
     }
     completion(url_, success);
 }
@@ -254,7 +262,7 @@ std::shared_ptr<RecordingAudio> CaptureRecordingAudioFactory::makeRecordingAudio
 
 std::shared_ptr<CaptureRecordingAudio>
 CaptureRecordingAudioFactory::makeCaptureRecordingAudio(const std::filesystem::path& path) {
-    return std::make_shared<CaptureRecordingAudio>(path, capture_, workers_);
+    return std::make_shared<CaptureRecordingAudio>(path, capture_, workers_, returnToMainMenu_);
 }
 
 } // namespace sprelio

@@ -10,8 +10,11 @@
 //   A recording that never started (the file can't be made, the capture refuses) gives no completion; the log
 //   says why, and the owner's next stop() finds nothing to stop.
 // - Everything captured up to stop() is in the file when the completion runs.
+// - A recording that finishes while no completion is set has no owner to end the session: the recorder sends the
+//   session back to idle itself, so that the next press isn't refused as "not idle".
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -33,10 +36,16 @@ enum class Valid_kAudioFormatOpusSamplingRates : int {
     hz48000 = 48000,
 };
 
+// Sends the shared AppDelegate back to idle; logs when there is none. May be called from any thread.
+void returnSharedAppDelegateToMainMenu();
+
 class CaptureRecordingAudio final : public RecordingAudio, public std::enable_shared_from_this<CaptureRecordingAudio> {
 public:
     // Use the factory: the instance must be owned by a shared_ptr, because the pool's tasks hold it weakly.
-    CaptureRecordingAudio(std::filesystem::path path, platform::AudioCapture& capture, platform::WorkerPool& workers);
+    // `returnToMainMenu` runs, on a worker thread, when the recording finishes without a completion set.
+    using ReturnToMainMenu = std::function<void()>;
+    CaptureRecordingAudio(std::filesystem::path path, platform::AudioCapture& capture, platform::WorkerPool& workers,
+                          ReturnToMainMenu returnToMainMenu = returnSharedAppDelegateToMainMenu);
     ~CaptureRecordingAudio() override;
     CaptureRecordingAudio(const CaptureRecordingAudio&) = delete;
     CaptureRecordingAudio& operator=(const CaptureRecordingAudio&) = delete;
@@ -70,6 +79,7 @@ private:
     const std::filesystem::path url_;
     platform::AudioCapture& capture_;
     platform::WorkerPool& workers_;
+    const ReturnToMainMenu returnToMainMenu_;
 
     // Orders the pool's tasks of this instance and guards the state.
     std::mutex operationMutex_;
@@ -95,14 +105,17 @@ private:
 
 class CaptureRecordingAudioFactory final : public RecordingAudioFactory {
 public:
-    CaptureRecordingAudioFactory(platform::AudioCapture& capture, platform::WorkerPool& workers)
-        : capture_(capture), workers_(workers) {}
+    CaptureRecordingAudioFactory(
+        platform::AudioCapture& capture, platform::WorkerPool& workers,
+        CaptureRecordingAudio::ReturnToMainMenu returnToMainMenu = returnSharedAppDelegateToMainMenu)
+        : capture_(capture), workers_(workers), returnToMainMenu_(std::move(returnToMainMenu)) {}
     std::shared_ptr<RecordingAudio> makeRecordingAudio(const std::filesystem::path& path) override;
     std::shared_ptr<CaptureRecordingAudio> makeCaptureRecordingAudio(const std::filesystem::path& path);
 
 private:
     platform::AudioCapture& capture_;
     platform::WorkerPool& workers_;
+    CaptureRecordingAudio::ReturnToMainMenu returnToMainMenu_;
 };
 
 } // namespace sprelio

@@ -106,7 +106,7 @@ public:
     void performPasting(std::string text);
     void setupMenuWithTranslation();
     // The one way back to idle.
-    void setupMenuWithMainMenu();
+    void setupMenuWithMainMenu() override;
     void cancelRecordingAndProcessing();
     void callCancelRecordingAndProcessing();
 

@@ -7,6 +7,8 @@ class SharedAppDelegate {
 public:
     virtual ~SharedAppDelegate() = default;
     virtual void updateCachedUserShortcuts() = 0;
+    // The one way back to idle; may be called from any thread (the work is posted to the main loop).
+    virtual void setupMenuWithMainMenu() = 0;
 };
 
 // Set as the first step of launch; nullptr clears it.

@@ -63,6 +63,7 @@ public:
     }
     ~CacheDelegate() override { setSharedAppDelegate(nullptr); }
     void updateCachedUserShortcuts() override { cache_.update(context_); }
+    void setupMenuWithMainMenu() override {}
 
 private:
     store::UserShortcutCache& cache_;

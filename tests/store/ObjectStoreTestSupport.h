@@ -68,6 +68,7 @@ private:
 class CountingAppDelegate final : public SharedAppDelegate {
 public:
     void updateCachedUserShortcuts() override { ++calls; }
+    void setupMenuWithMainMenu() override {}
     int calls = 0;
 };
 

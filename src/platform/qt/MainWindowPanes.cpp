@@ -7,6 +7,7 @@
 #include <QGroupBox>
 #include <QHBoxLayout>
 #include <QLineEdit>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QScrollArea>
 #include <QSignalBlocker>
@@ -14,6 +15,7 @@
 #include <QToolButton>
 #include <QVBoxLayout>
 
+#include "audio/RecordingsFolderChooser.h"
 #include "diagnostics/Log.h"
 #include "input/Key.h"
 #include "platform/Sounds.h"
@@ -225,12 +227,25 @@ SettingsPane::SettingsPane(store::Settings& settings, SoundPlayer* sounds, QWidg
             auto* path = new QLineEdit(field);
             path->setReadOnly(true);
             auto* choose = new QPushButton(QStringLiteral("Choose…"), field);
-            connect(choose, &QPushButton::clicked, this, [this, path, set = folder->set] {
+            connect(choose, &QPushButton::clicked, this, [this, path, key, set = folder->set] {
                 const QString chosen = QFileDialog::getExistingDirectory(this, QStringLiteral("Recordings folder"),
                                                                          path->text());
-                if (chosen.isEmpty()) return;
-                set(settings_, std::filesystem::path(chosen.toStdString()));
-                path->setText(chosen);
+                if (key != "saveRecordingsFolder") {
+                    if (chosen.isEmpty()) return;
+                    set(settings_, std::filesystem::path(chosen.toStdString()));
+                    path->setText(chosen);
+                    return;
+                }
+                // The recordings folder is taken only when we can write into it; the chooser falls back otherwise.
+                RecordingsFolderChooser chooser(settings_, [this](const std::string& message) {
+                    QMessageBox::warning(this, QStringLiteral("Recordings folder"), qs(message));
+                });
+                std::optional<std::filesystem::path> selected;
+                if (!chosen.isEmpty()) selected = std::filesystem::path(chosen.toStdString());
+                const auto outcome = chooser.selectFolder(selected);
+                if (outcome.result != RecordingsFolderChooser::Result::cancelled) {
+                    path->setText(QString::fromStdString(outcome.folder.string()));
+                }
             });
             row->addWidget(path, 1);
             row->addWidget(choose);
