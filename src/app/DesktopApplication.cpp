@@ -451,7 +451,9 @@ std::shared_ptr<HttpAudioUploadManager> Desktop::makeUploadManager(OverlayScreen
 }
 
 Desktop::~Desktop() {
-    // Nothing may call back into what goes next: the monitors and the input stop first.
+    // Nothing may call back into what goes next: the monitors and the input stop first, and a recorder finishing
+    // on a worker finds no application to return to.
+    setSharedAppDelegate(nullptr);
     network_.cancel();
     for (const auto& connection : screenConnections_) QObject::disconnect(connection);
     if (tap_) tap_->deregisterEventTap();

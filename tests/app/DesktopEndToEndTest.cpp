@@ -235,6 +235,19 @@ TEST_F(DesktopEndToEnd, TheOverlaysCancelCircleEndsTheRecordingWithoutText) {
     EXPECT_EQ(levels, (std::map<std::int64_t, int>{{2, 1}, {4, 1}})) << "one cancel (error), one success";
 }
 
+TEST_F(DesktopEndToEnd, ASecondStartBringsTheFirstForwardAndEnds) {
+    launch();
+    bringClientForward();
+    SprelioApp second(server, pulse, home.path());
+    ASSERT_TRUE(x11test::waitFor([&] { return !second.running(); }, 20000ms)) << "the second start did not end";
+    EXPECT_EQ(second.stop(), 0);
+    ASSERT_TRUE(app->waitForCount("applicationShouldHandleReopen() - hasVisibleWindows:", 1));
+    // The first one's main window is in front now, on the tab it had.
+    ASSERT_TRUE(x11test::waitFor([&] { return activePid() == app->pid(); }, 10000ms)) << "active: " << activePid();
+    EXPECT_EQ(server.output("xdotool getactivewindow getwindowname"), "Sprelio Settings\n");
+    EXPECT_EQ(app->count("Desktop.launch() - ready"), 1u) << "only one instance ever launched";
+}
+
 TEST_F(DesktopEndToEnd, OfflineTheKeySaysSoAndSprelioIsIdleAgain) {
     const auto probe = audio_test::runCommand("unshare -n true 2>&1");
     if (probe.exitCode != 0) GTEST_SKIP() << "no network namespace can be made here: " << probe.out;

@@ -104,7 +104,15 @@ public:
     bool waitForCount(const std::string& needle, std::size_t n, std::chrono::milliseconds timeout = 20000ms) const {
         return x11test::waitFor([&] { return count(needle) >= n; }, timeout);
     }
-    bool running() const { return pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; }
+    // A process that has ended is reaped here, its status kept for stop().
+    bool running() {
+        if (pid_ <= 0) return false;
+        int status = 0;
+        if (::waitpid(pid_, &status, WNOHANG) != pid_) return true;
+        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        pid_ = -1;
+        return false;
+    }
     pid_t pid() const { return pid_; }
 
 private:
