@@ -129,8 +129,8 @@ void measureUse(pid_t pid, std::chrono::seconds duration, const std::string& lab
     }
     const ProcessUse end = processUse(pid);
     const double wall = now() - began;
-    std::printf("%-34s CPU %.2f s in %.0f s (%.2f %% of one core); resident memory mean %.1f MiB, peak %.1f MiB\n",
-                label.c_str(), end.cpuSeconds - start.cpuSeconds, wall,
+    std::printf("%-34s CPU %.0f ms in %.0f s (%.2f %% of one core); resident memory mean %.1f MiB, peak %.1f MiB\n",
+                label.c_str(), (end.cpuSeconds - start.cpuSeconds) * 1000, wall,
                 100.0 * (end.cpuSeconds - start.cpuSeconds) / wall, samples ? sum / samples / 1024.0 : 0.0,
                 peak / 1024.0);
 }

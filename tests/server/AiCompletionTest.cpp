@@ -449,8 +449,9 @@ TEST_F(AiServerTest, StoppingTheServerCutsAWaitingCompletionShort) {
 // session receives it.
 class AiUploadThroughClient : public backendtest::UploadFixture {
 protected:
-    void startServer(bool withAi) {
+    void startServer(bool withAi, std::size_t engineSlots = 2) {
         auto config = loopbackConfig(data_.path());
+        config.engineSlots = engineSlots;
         config.engine = "openai";
         config.openaiUrl = stt_.url();
         config.openaiLanguages = {"en", "de"};
@@ -516,6 +517,46 @@ TEST_F(AiUploadThroughClient, WithoutAChatServiceTheTranscriptArrivesThenAStopWi
     // A stop: the recording was not uploaded a second time.
     EXPECT_EQ(stt_.transcriptions().size(), 1u);
     EXPECT_TRUE(logs.contains("AudioUploadManager.evaluateAndHandleError() - handling STOP"));
+}
+
+TEST_F(AiUploadThroughClient, AServerAtCapacityIsNoOnlineFarmsForTheClientAndServesAgainOnceFree) {
+    startServer(false, 1);
+    TestGate gate;
+    stt_.onTranscription([&](const httplib::Request&, httplib::Response& response) {
+        gate.wait();
+        response.set_content(R"({"text":"Held until the slot was needed."})", "application/json");
+    });
+    // Another user's dictation holds the server's one transcription slot.
+    auto occupying = std::async(std::launch::async, [&] {
+        httplib::Client client("127.0.0.1", server_->port());
+        client.set_read_timeout(60, 0);
+        return postTranscribe(client, server_->localAccount().token, {"rec.wav", toneWav(), std::nullopt});
+    });
+    ASSERT_TRUE(waitFor([&] { return gate.waiting() == 1; }));
+
+    // The client's dictation meets the full server, its only backend: the chain ends with the server's words.
+    auto refused = upload(std::nullopt, false, std::string("en"), "en");
+    ASSERT_TRUE(waitFor([&] { return !refused->calls.empty(); }));
+    drain();
+    ASSERT_EQ(refused->calls.size(), 1u);
+    ASSERT_TRUE(refused->calls[0].error);
+    EXPECT_FALSE(refused->calls[0].result);
+    EXPECT_TRUE(logs.containsPrefix("AudioUploadManager.evaluateAndHandleError() - errorString: "
+                                    "Optional(\"NoOnlineFarms\")"))
+        << "the server did not answer NoOnlineFarms";
+    EXPECT_TRUE(logs.containsPrefix(
+        "AudioUploadManager.evaluateAndHandleError() - (last balancer in array failed, handle error)"));
+    ASSERT_FALSE(history.entries.empty()) << "the failed dictation is in the history";
+    EXPECT_EQ(history.entries.back().level, HistoryManagerLogLevel::error);
+
+    // Free again, the same client is served.
+    gate.open();
+    ASSERT_EQ(occupying.get()->status, 200);
+    auto served = upload(std::nullopt, false, std::string("en"), "en");
+    ASSERT_TRUE(waitFor([&] { return !served->calls.empty(); }));
+    drain();
+    ASSERT_TRUE(served->calls[0].result) << (served->calls[0].error ? served->calls[0].error->localizedDescription : "");
+    EXPECT_EQ((*served->calls[0].result)["text"], "Held until the slot was needed.");
 }
 
 } // namespace
