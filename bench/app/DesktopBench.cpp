@@ -172,6 +172,14 @@ public:
         seconds = *logTime(app->log(), kReady, launches + 1) - started;
         return app;
     }
+    // Sprelio with a held right Alt, our application in front: ready to dictate.
+    std::unique_ptr<SprelioApp> launchForDictation(const fs::path& home) {
+        storeHeldShortcut(home);
+        double seconds = 0;
+        auto app = launch(home, seconds);
+        bringClientForward();
+        return app;
+    }
     void bringClientForward() {
         client = std::make_unique<TestClient>(server, TestClient::Options{});
         if (!client->waitUntilFocused()) throw std::runtime_error("the test application did not take the focus");
@@ -222,10 +230,7 @@ void idle() {
 void dictation() {
     Desktop desktop;
     platform::test::TemporaryFolder home("sprelio-bench");
-    desktop.storeHeldShortcut(home.path());
-    double seconds = 0;
-    auto app = desktop.launch(home.path(), seconds);
-    desktop.bringClientForward();
+    auto app = desktop.launchForDictation(home.path());
     // A minute of speech: the sentence again and again with a breath between.
     const auto sentence = apptest::festivalSentence(
         "Sprelio records the microphone while the key is held and types the words where the cursor is.");
@@ -256,10 +261,7 @@ void dictation() {
 void latency() {
     Desktop desktop;
     platform::test::TemporaryFolder home("sprelio-bench");
-    desktop.storeHeldShortcut(home.path());
-    double seconds = 0;
-    auto app = desktop.launch(home.path(), seconds);
-    desktop.bringClientForward();
+    auto app = desktop.launchForDictation(home.path());
     const auto utterance = apptest::festivalSentence(
         "Please send the quarterly report to the whole team before the meeting on Thursday afternoon.");
     std::printf("latency of a %.1f s utterance, release to text (median of 5):\n", utterance.size() / 16000.0);

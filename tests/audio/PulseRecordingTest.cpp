@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "PulseDaemon.h"
+#include "RecorderTestSupport.h"
 #include "audio/CafReader.h"
 #include "audio/CaptureRecordingAudio.h"
 #include "audio/MicDeviceTransport.h"
@@ -22,45 +23,11 @@ namespace sprelio {
 namespace {
 
 using namespace std::chrono_literals;
+using audio_test::CompletionLog;
+using audio_test::CountingCapture;
 using audio_test::FifoFeeder;
 using audio_test::PulseDaemon;
 using audio_test::waitFor;
-
-// Counts what the capture hands to the recorder, so that the file can be held against it.
-class CountingCapture final : public platform::AudioCapture {
-public:
-    explicit CountingCapture(platform::AudioCapture& inner) : inner_(inner) {}
-    bool start(SamplesHandler onSamples, ErrorHandler onError, std::string& error) override {
-        return inner_.start(
-            [this, onSamples](const float* s, std::size_t n) {
-                frames += n;
-                onSamples(s, n);
-            },
-            std::move(onError), error);
-    }
-    void stop() override { inner_.stop(); }
-    std::atomic<std::uint64_t> frames{0};
-
-private:
-    platform::AudioCapture& inner_;
-};
-
-struct CompletionLog {
-    std::mutex mutex;
-    std::vector<bool> results;
-    void add(bool success) {
-        std::lock_guard guard(mutex);
-        results.push_back(success);
-    }
-    std::size_t count() {
-        std::lock_guard guard(mutex);
-        return results.size();
-    }
-    bool first() {
-        std::lock_guard guard(mutex);
-        return results.at(0);
-    }
-};
 
 class PulseRecordingTest : public ::testing::Test {
 protected:

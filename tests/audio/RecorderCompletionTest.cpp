@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "PulseDaemon.h"
+#include "RecorderTestSupport.h"
 #include "audio/CafReader.h"
 #include "audio/CaptureRecordingAudio.h"
 #include "core/SessionFakes.h"
@@ -25,6 +26,8 @@ namespace sprelio {
 namespace {
 
 using namespace std::chrono_literals;
+using audio_test::CompletionLog;
+using audio_test::CountingCapture;
 using audio_test::FifoFeeder;
 using audio_test::PulseDaemon;
 using audio_test::waitFor;
@@ -32,38 +35,6 @@ using audio_test::waitFor;
 constexpr const char* kEncodeErrorPrefix = "RecordingAudio.audioRecorderEncodeErrorDidOccur() - ";
 constexpr const char* kNoCompletion =
     "RecordingAudio.audioRecorderDidFinishRecording() - onRecordingCompletion == nil, returning to menu";
-
-// Counts what the capture hands to the recorder.
-class CountingCapture final : public platform::AudioCapture {
-public:
-    explicit CountingCapture(platform::AudioCapture& inner) : inner_(inner) {}
-    bool start(SamplesHandler onSamples, ErrorHandler onError, std::string& error) override {
-        return inner_.start(
-            [this, onSamples](const float* s, std::size_t n) {
-                frames += n;
-                onSamples(s, n);
-            },
-            std::move(onError), error);
-    }
-    void stop() override { inner_.stop(); }
-    std::atomic<std::uint64_t> frames{0};
-
-private:
-    platform::AudioCapture& inner_;
-};
-
-struct Completions {
-    std::mutex mutex;
-    std::vector<bool> results;
-    void add(bool success) {
-        std::lock_guard guard(mutex);
-        results.push_back(success);
-    }
-    std::vector<bool> all() {
-        std::lock_guard guard(mutex);
-        return results;
-    }
-};
 
 // Lowers this process's file size limit for its lifetime: a write past it fails with EFBIG, as on a full disk,
 // instead of raising SIGXFSZ.
@@ -143,7 +114,7 @@ protected:
 TEST_F(RecorderCompletionTest, AnEncoderThatCanNoLongerWriteIsLoggedOnceAndTheCompletionReportsFailure) {
     CaptureRecordingAudioFactory factory(*counting_, workers_);
     auto recorder = factory.makeCaptureRecordingAudio(dir_ / "limited.caf");
-    Completions completions;
+    CompletionLog completions;
     recorder->setOnRecordingCompletion([&](const std::filesystem::path&, bool ok) { completions.add(ok); });
 
     // Room for the file's head and about two seconds of packets (40 bytes per 20 ms), then the disk is "full".
@@ -244,7 +215,7 @@ TEST_F(RecorderCompletionTest, WithoutACompletionOrASharedAppDelegateTheMissingD
 }
 
 TEST_F(RecorderCompletionTest, ACompletionSetWhileReturningToTheMenuStillRunsOnce) {
-    Completions completions;
+    CompletionLog completions;
     std::atomic<int> returns{0};
     std::shared_ptr<CaptureRecordingAudio> recorder;
     std::mutex recorderMutex;
