@@ -79,7 +79,6 @@ ClipboardAccess::TextCompletion AppShortcutSession::guarded(ClipboardAccess::Tex
 }
 
 void AppShortcutSession::copyTextAndAskAIMain(const UserShortcutPtr& shortcut) {
-    const auto& clipboard = deps_.clipboard;
     const auto withSelection = [this, shortcut](std::optional<std::string> clipboardText) {
         logInfo(".copyTextAndAskAI{} - clipboardText: " + std::string(kPrivatized));
         const auto& clipboard = deps_.clipboard;
@@ -104,7 +103,7 @@ void AppShortcutSession::copyTextAndAskAIMain(const UserShortcutPtr& shortcut) {
         if (clipboard.getSelectedTextFromFrontmostApp) clipboard.getSelectedTextFromFrontmostApp(guarded(fromSelection));
         else fromSelection(std::nullopt);
     };
-    if (clipboard.getString) clipboard.getString(guarded(withSelection));
+    if (deps_.clipboard.getString) deps_.clipboard.getString(guarded(withSelection));
     else withSelection(std::nullopt);
 }
 

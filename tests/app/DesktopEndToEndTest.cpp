@@ -58,7 +58,9 @@ protected:
             const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
             std::ofstream(apptest::screenshotFolder() / (std::string("e2e-") + info->name() + ".log")) << app->log();
         }
-        if (app) EXPECT_EQ(app->stop(), 0) << "the application did not end cleanly:\n" << app->output();
+        if (app) {
+            EXPECT_EQ(app->stop(), 0) << "the application did not end cleanly:\n" << app->output();
+        }
         app.reset();
         client.reset();
         // The daemon goes first: a feeder blocked on a full FIFO that nobody reads is freed by its end.
@@ -230,7 +232,9 @@ TEST_F(DesktopEndToEnd, TheOverlaysCancelCircleEndsTheRecordingWithoutText) {
     std::map<std::int64_t, int> levels;
     for (const auto& entry : history()) {
         ++levels[entry->level()];
-        if (entry->level() == 2) EXPECT_TRUE(entry->fileURL().has_value()) << "the cancelled recording is kept";
+        if (entry->level() == 2) {
+            EXPECT_TRUE(entry->fileURL().has_value()) << "the cancelled recording is kept";
+        }
     }
     EXPECT_EQ(levels, (std::map<std::int64_t, int>{{2, 1}, {4, 1}})) << "one cancel (error), one success";
 }

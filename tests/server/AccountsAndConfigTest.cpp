@@ -8,6 +8,7 @@
 
 #include <fstream>
 #include <regex>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -110,7 +111,9 @@ TEST(ServerConfiguration, TheShippedExampleConfigurationIsAccepted) {
                          "server.example.json";
     ASSERT_TRUE(std::filesystem::exists(example)) << example;
     std::ifstream in(example);
-    const std::string text((std::istreambuf_iterator<char>(in)), {});
+    std::ostringstream contents;
+    contents << in.rdbuf();
+    const std::string text = contents.str();
     ServerConfig config;
     std::string error;
     ASSERT_TRUE(applyServerConfigJson(text, config, error)) << error;
