@@ -25,11 +25,7 @@
 #include <vector>
 
 #include "app/SprelioAppProcess.h"
-#include "core/Uuid.h"
-#include "input/Key.h"
 #include "platform/test/TemporaryFolder.h"
-#include "store/Entities.h"
-#include "store/Persistence.h"
 
 namespace {
 
@@ -148,19 +144,6 @@ public:
         feeder.reset();
         server.stop();
     }
-    // The right Alt key held for as long as it is down.
-    void storeHeldShortcut(const fs::path& home) {
-        store::PersistenceController store(home / ".local/share/Sprelio");
-        auto& context = store.container().viewContext();
-        auto shortcut = context.insertNew<store::UserShortcut>();
-        shortcut->setUuid(Uuid::random());
-        shortcut->setShortcutActionRawValue(std::string("recordAndTranscribe"));
-        shortcut->setModifierEventKeyCode(61);
-        shortcut->setMouseEventMouseButton(-1);
-        shortcut->setShortcutString(keyString(61));
-        shortcut->setHold(true);
-        context.save();
-    }
     std::unique_ptr<SprelioApp> launch(const fs::path& home, double& seconds) {
         // The log of a home is kept from one launch to the next: this launch's line is the next one.
         const std::size_t launches =
@@ -174,7 +157,7 @@ public:
     }
     // Sprelio with a held right Alt, our application in front: ready to dictate.
     std::unique_ptr<SprelioApp> launchForDictation(const fs::path& home) {
-        storeHeldShortcut(home);
+        apptest::storeRightAltShortcut(home, true);
         double seconds = 0;
         auto app = launch(home, seconds);
         bringClientForward();

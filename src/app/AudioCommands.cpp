@@ -78,6 +78,9 @@ int record(const std::vector<std::string>& args, std::ostream& out, std::ostream
     platform::PulseAudioConnection connection;
     platform::PulseAudioDevices audioDevices(connection, loop);
     platform::PulseAudioCapture capture(connection);
+    // Said at once, rather than after the whole recording's length spent waiting for a capture that cannot start.
+    if (!connection.waitUntilReady(std::chrono::seconds(5)))
+        return fail(err, "record: the sound server (PulseAudio) is not reachable");
 
     // The recorder records from the default input, so choosing a device means making it the default.
     if (device && !audioDevices.setDefaultInputDevice(*device))

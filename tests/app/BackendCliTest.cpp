@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 #include <iostream>
 #include <regex>
@@ -16,6 +15,7 @@
 #include "CliTestSupport.h"
 #include "audio/CafOpusWriter.h"
 #include "backend/ScriptedServer.h"
+#include "helpers/WordAccuracy.h"
 #include "platform/test/TemporaryFolder.h"
 #include "platform/test/TestPlatform.h"
 #include "server/BackendServer.h"
@@ -29,25 +29,10 @@ using nlohmann::json;
 
 const std::string kSentence = "Please call me tomorrow morning at the office. The weather is nice today.";
 
-std::vector<std::string> words(const std::string& text) {
-    std::vector<std::string> out;
-    std::string current;
-    for (char c : text) {
-        if (std::isalnum(static_cast<unsigned char>(c)) || c == '\'') {
-            current += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        } else if (!current.empty()) {
-            out.push_back(std::move(current));
-            current.clear();
-        }
-    }
-    if (!current.empty()) out.push_back(current);
-    return out;
-}
-
 // The share of the sentence's words that were recognised.
 double wordsFound(const std::string& reference, const std::string& hypothesis) {
-    const auto ref = words(reference);
-    const auto hyp = words(hypothesis);
+    const auto ref = sprelio::testhelpers::words(reference);
+    const auto hyp = sprelio::testhelpers::words(hypothesis);
     const std::set<std::string> heard(hyp.begin(), hyp.end());
     const auto found = std::count_if(ref.begin(), ref.end(), [&](const std::string& w) { return heard.count(w) > 0; });
     return ref.empty() ? 0.0 : static_cast<double>(found) / static_cast<double>(ref.size());

@@ -11,9 +11,7 @@
 
 #include "SprelioAppProcess.h"
 #include "audio/AudioFileDuration.h"
-#include "core/Uuid.h"
 #include "helpers/WordAccuracy.h"
-#include "input/Key.h"
 #include "platform/X11TestSupport.h"
 #include "platform/test/TemporaryFolder.h"
 #include "store/AppConstants.h"
@@ -69,20 +67,6 @@ protected:
         server.stop();
     }
 
-    // The right Alt key as a shortcut of its own, held or tapped.
-    void storeRightAltShortcut(bool hold) {
-        store::PersistenceController store(home.path() / ".local/share/Sprelio");
-        auto& context = store.container().viewContext();
-        auto shortcut = context.insertNew<store::UserShortcut>();
-        shortcut->setUuid(Uuid::random());
-        shortcut->setShortcutActionRawValue(std::string("recordAndTranscribe"));
-        shortcut->setModifierEventKeyCode(61);
-        shortcut->setMouseEventMouseButton(-1);
-        shortcut->setShortcutString(keyString(61));
-        shortcut->setOrder(0);
-        shortcut->setHold(hold);
-        context.save();
-    }
     void launch(bool offline = false) {
         app = std::make_unique<SprelioApp>(server, pulse, home.path(), offline);
         ASSERT_TRUE(app->waitForCount("Desktop.launch() - ready: the hotkeys are live", 1, 30000ms))
@@ -170,7 +154,7 @@ protected:
 };
 
 TEST_F(DesktopEndToEnd, HeldKeyDictatesIntoTheApplicationInFront) {
-    storeRightAltShortcut(true);
+    apptest::storeRightAltShortcut(home.path(), true);
     launch();
     bringClientForward();
     copyByAnotherProgram("what the user had copied");

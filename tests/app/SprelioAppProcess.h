@@ -13,7 +13,11 @@
 
 #include "audio/AudioTestSupport.h"
 #include "audio/PulseDaemon.h"
+#include "core/Uuid.h"
+#include "input/Key.h"
 #include "platform/X11TestSupport.h"
+#include "store/Entities.h"
+#include "store/Persistence.h"
 
 namespace sprelio::apptest {
 
@@ -37,6 +41,21 @@ inline std::vector<float> festivalSentence(const std::string& sentence) {
     std::vector<float> samples(bytes.size() / sizeof(float));
     std::copy_n(bytes.data(), samples.size() * sizeof(float), reinterpret_cast<std::uint8_t*>(samples.data()));
     return samples;
+}
+
+// The right Alt key as a shortcut of its own, held or tapped, stored in a home before Sprelio starts there.
+inline void storeRightAltShortcut(const fs::path& home, bool hold) {
+    store::PersistenceController store(home / ".local/share/Sprelio");
+    auto& context = store.container().viewContext();
+    auto shortcut = context.insertNew<store::UserShortcut>();
+    shortcut->setUuid(Uuid::random());
+    shortcut->setShortcutActionRawValue(std::string("recordAndTranscribe"));
+    shortcut->setModifierEventKeyCode(61);
+    shortcut->setMouseEventMouseButton(-1);
+    shortcut->setShortcutString(keyString(61));
+    shortcut->setOrder(0);
+    shortcut->setHold(hold);
+    context.save();
 }
 
 inline fs::path screenshotFolder() { return fs::path(SPRELIO_BINARY).parent_path().parent_path() / "screenshots"; }

@@ -19,11 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using audio_test::PulseDaemon;
-
-std::string trimmed(std::string text) {
-    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
-    return text;
-}
+using audio_test::trimmed;
 
 // A dictation session whose only real parts are the sound server's devices and the microphone manager on them.
 struct RealDevicesSession {

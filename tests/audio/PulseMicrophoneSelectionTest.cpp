@@ -20,11 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using audio_test::PulseDaemon;
-
-std::string trimmed(std::string text) {
-    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
-    return text;
-}
+using audio_test::trimmed;
 
 TEST(PulseMicrophoneSelection, TheRightSourceBecomesTheDefaultAsSourcesComeAndGo) {
     platform::test::RecordingLogSink logs;
