@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchDoubles.h"
 #include "backend/BalancingManager.h"
 #include "backend/FileUploadManager.h"
 #include "backend/ScriptedServer.h"
@@ -43,11 +44,7 @@ namespace platform = sprelio::platform;
 
 namespace {
 
-class CountingSink final : public sprelio::LogSink {
-public:
-    void log(sprelio::LogLevel, std::string) override { ++lines; }
-    std::atomic<long> lines{0};
-};
+using sprelio::bench::CountingSink;
 
 long statusKiB(const char* field) {
     std::ifstream status("/proc/self/status");

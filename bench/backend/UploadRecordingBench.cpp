@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchDoubles.h"
 #include "backend/BalancingManager.h"
 #include "backend/HttpAudioUploadManager.h"
 #include "backend/ScriptedServer.h"
@@ -30,25 +31,9 @@ namespace platform = sprelio::platform;
 
 namespace {
 
-// Stands in for the file log: lines are built and handed over, as in the application, then counted.
-class CountingSink final : public sprelio::LogSink {
-public:
-    void log(sprelio::LogLevel, std::string) override { ++lines; }
-    std::atomic<long> lines{0};
-};
-
-class NoHistory final : public sprelio::HistoryManager {
-public:
-    void log(sprelio::HistoryManagerLogLevel, std::string, std::optional<std::filesystem::path>, sprelio::Uuid,
-             bool) override {}
-};
-
-class NoToasts final : public sprelio::ToastPresenter {
-public:
-    void showToast(const sprelio::SPRToastView&, const platform::ScreenInfo&, const platform::Rect&,
-                   std::function<void()>) override {}
-    void closeAllToasts() override {}
-};
+using sprelio::bench::CountingSink;
+using sprelio::bench::NoHistory;
+using sprelio::bench::NoToasts;
 
 double percentile(std::vector<double> values, double p) {
     std::sort(values.begin(), values.end());

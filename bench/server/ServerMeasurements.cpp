@@ -38,6 +38,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "BenchDoubles.h"
 #include "TimingRelay.h"
 #include "audio/CafOpusWriter.h"
 #include "backend/BalancingManager.h"
@@ -62,6 +63,9 @@ namespace platform = sprelio::platform;
 using namespace std::chrono_literals;
 
 namespace {
+
+using sprelio::bench::NoHistory;
+using sprelio::bench::NoToasts;
 
 using sprelio::server::BackendServer;
 using sprelio::server::ServerConfig;
@@ -362,19 +366,6 @@ int runRealTimeFactor(const Arguments& arguments) {
 }
 
 // ---- latency ----
-
-class NoHistory final : public sprelio::HistoryManager {
-public:
-    void log(sprelio::HistoryManagerLogLevel, std::string, std::optional<std::filesystem::path>, sprelio::Uuid,
-             bool) override {}
-};
-
-class NoToasts final : public sprelio::ToastPresenter {
-public:
-    void showToast(const sprelio::SPRToastView&, const platform::ScreenInfo&, const platform::Rect&,
-                   std::function<void()>) override {}
-    void closeAllToasts() override {}
-};
 
 int runLatency(const Arguments& arguments) {
     const long runs = std::max(3L, arguments.number("runs", 20));

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchDoubles.h"
 #include "diagnostics/Log.h"
 #include "store/Persistence.h"
 #include "text/SubstitutionHelpers.h"
@@ -13,10 +14,7 @@ using namespace sprelio;
 
 namespace {
 
-class QuietSink final : public LogSink {
-public:
-    void log(LogLevel, std::string) override {}
-};
+using sprelio::bench::QuietSink;
 
 std::string word(std::mt19937& rng) {
     static const char* letters = "abcdefghijklmnopqrstuvwxyz";

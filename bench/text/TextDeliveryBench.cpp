@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "BenchDoubles.h"
 #include "diagnostics/Log.h"
 #include "input/KeyCodes.h"
 #include "platform/X11TestSupport.h"
@@ -32,10 +33,7 @@ using namespace sprelio;
 
 namespace {
 
-class QuietSink final : public LogSink {
-public:
-    void log(LogLevel, std::string) override {}
-};
+using sprelio::bench::QuietSink;
 
 // `count` characters (code points) of a dictated-looking sentence.
 std::string dictation(std::size_t count) {
