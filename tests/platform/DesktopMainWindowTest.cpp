@@ -1,5 +1,6 @@
 // The main window on a real X desktop with a window manager, over a real store file and a real settings file:
-// opening a tab, Escape, the Substitutions table, the Settings editors, the History tab and the Main tab's state.
+// opening a tab, Escape, the Substitutions table, the Settings editors and the folder dialog,
+// the History tab and the Main tab's state.
 // The keys and clicks are real X input (xdotool).
 #include <gtest/gtest.h>
 
@@ -8,13 +9,16 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
+#include <QFileDialog>
 #include <QHeaderView>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
 #include <QSpinBox>
+#include <QTimer>
 #include <QTableView>
 #include <QToolButton>
 
@@ -333,6 +337,91 @@ TEST_F(DesktopMainWindow, SettingsEditorsWriteTheSettingsFile) {
     windows_->openTab(ContentViewTab::main);
     windows_->openTab(ContentViewTab::settings);
     EXPECT_EQ(qobject_cast<QSpinBox*>(pane->editor("tapAndRecordTimeoutMinutes"))->value(), 25);
+}
+
+// The real folder dialog, answered the way a user would: a folder we can write to is taken, one we cannot is refused
+// with the message and the default comes back, and a cancelled dialog changes nothing.
+TEST_F(DesktopMainWindow, RecordingsFolderIsPickedInTheFolderDialog) {
+    ASSERT_TRUE(openAndWaitActive(ContentViewTab::settings));
+    auto* path = qobject_cast<QLineEdit*>(window_->settingsPane()->editor("saveRecordingsFolder"));
+    ASSERT_NE(path, nullptr);
+    auto* choose = path->parentWidget()->findChild<QPushButton*>();
+    ASSERT_NE(choose, nullptr);
+    const std::string defaultFolder = constants_.recordingsFolder().string();
+    EXPECT_EQ(path->text().toStdString(), defaultFolder);
+
+    // The dialog and the message box run their own event loops inside the click: whatever is modal is answered from
+    // a timer, once each, by `answer`.
+    std::vector<std::string> seen;
+    const auto clickAndAnswer = [&](const std::function<void(QWidget*)>& answer) {
+        QTimer poll;
+        QPointer<QWidget> answering;
+        QElapsedTimer waited;
+        waited.start();
+        QObject::connect(&poll, &QTimer::timeout, [&] {
+            QWidget* modal = QApplication::activeModalWidget();
+            if (!modal || !modal->isVisible()) return;
+            // A dialog we don't know, or one that keeps coming back, must not hold the test for ever.
+            if (waited.elapsed() > 20000) {
+                modal->close();
+                return;
+            }
+            // Answered from a queued call, not from here: an answer that opens another modal loop would otherwise
+            // keep this timer from firing again.
+            if (modal != answering) {
+                answering = modal;
+                QMetaObject::invokeMethod(
+                    modal, [&answer, modal] { answer(modal); }, Qt::QueuedConnection);
+            }
+        });
+        poll.start(20);
+        choose->click();
+        poll.stop();
+    };
+    const auto pickInDialog = [&](const fs::path& folder) {
+        return [&seen, folder](QWidget* modal) {
+            if (auto* dialog = qobject_cast<QFileDialog*>(modal)) {
+                seen.push_back("dialog: " + dialog->windowTitle().toStdString());
+                if (folder.empty()) {
+                    dialog->reject();
+                } else {
+                    // As a user types a path into the name field and presses Choose.
+                    auto* name = dialog->findChild<QLineEdit*>(QStringLiteral("fileNameEdit"));
+                    if (!name) return; // left to the time limit, and the expectations below fail
+                    name->setText(QString::fromStdString(folder.string()));
+                    static_cast<QDialog*>(dialog)->accept(); // the file dialog's own checks run, as for OK
+                }
+            } else if (auto* box = qobject_cast<QMessageBox*>(modal)) {
+                seen.push_back("message: " + box->text().toStdString());
+                box->accept();
+            }
+        };
+    };
+
+    const fs::path writable = tp_.root() / "My Recordings";
+    fs::create_directories(writable);
+    clickAndAnswer(pickInDialog(writable));
+    EXPECT_EQ(seen, (std::vector<std::string>{"dialog: Recordings folder"}));
+    EXPECT_EQ(path->text().toStdString(), writable.string());
+    EXPECT_EQ(settingsOnDisk().value("saveRecordingsFolder", ""), writable.string());
+    EXPECT_FALSE(fs::exists(writable / ".spr_write_test")) << "the write check cleans up after itself";
+
+    // Nobody may write into /proc, root included.
+    seen.clear();
+    clickAndAnswer(pickInDialog("/proc"));
+    EXPECT_EQ(seen, (std::vector<std::string>{"dialog: Recordings folder",
+                                              "message: We couldn’t write to your selected folder. Falling back to "
+                                              "the default location."}));
+    EXPECT_EQ(path->text().toStdString(), defaultFolder);
+    EXPECT_EQ(settingsOnDisk().value("saveRecordingsFolder", ""), defaultFolder);
+
+    clickAndAnswer(pickInDialog(writable));
+    ASSERT_EQ(settingsOnDisk().value("saveRecordingsFolder", ""), writable.string());
+    seen.clear();
+    clickAndAnswer(pickInDialog({}));
+    EXPECT_EQ(seen, (std::vector<std::string>{"dialog: Recordings folder"}));
+    EXPECT_EQ(path->text().toStdString(), writable.string()) << "a cancelled dialog keeps the folder";
+    EXPECT_EQ(settingsOnDisk().value("saveRecordingsFolder", ""), writable.string());
 }
 
 TEST_F(DesktopMainWindow, HistoryRowsOfferTheirActionsAndThePopoverKeepsTheDays) {
