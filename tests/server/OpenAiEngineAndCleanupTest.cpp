@@ -209,9 +209,11 @@ TEST_F(OpenAiEngineTest, OldUploadsGoAtStartAndWhileTheServerRunsOthersStay) {
     auto stale = uploadLongFile(wav);
     for (const char* extension : {".upload", ".owner"})
         std::filesystem::last_write_time(folder / (stale + extension), old);
-    // The periodic sweep finds it.
-    EXPECT_TRUE(waitFor([&] { return !std::filesystem::exists(folder / (stale + ".upload")); }));
-    EXPECT_FALSE(std::filesystem::exists(folder / (stale + ".owner")));
+    // The periodic sweep finds it. Its files go one after the other, so the wait is for both.
+    EXPECT_TRUE(waitFor([&] {
+        return !std::filesystem::exists(folder / (stale + ".upload")) &&
+               !std::filesystem::exists(folder / (stale + ".owner"));
+    }));
     EXPECT_TRUE(std::filesystem::exists(folder / (fresh + ".upload")));
     EXPECT_TRUE(std::filesystem::exists(folder / (fresh + ".owner")));
 
