@@ -220,23 +220,18 @@ SettingsPane::SettingsPane(store::Settings& settings, SoundPlayer* sounds, QWidg
             }
             form->addRow(qs(item.label), field);
             editor = combo;
-        } else if (const auto* folder = std::get_if<FolderBinding>(&item.binding)) {
+        } else if (std::holds_alternative<FolderBinding>(item.binding)) {
             field = new QWidget(group);
             auto* row = new QHBoxLayout(field);
             row->setContentsMargins(0, 0, 0, 0);
             auto* path = new QLineEdit(field);
             path->setReadOnly(true);
             auto* choose = new QPushButton(QStringLiteral("Choose…"), field);
-            connect(choose, &QPushButton::clicked, this, [this, path, key, set = folder->set] {
+            // The one folder of the settings is the recordings folder: it is taken only when we can write into it,
+            // and the chooser falls back otherwise.
+            connect(choose, &QPushButton::clicked, this, [this, path] {
                 const QString chosen = QFileDialog::getExistingDirectory(this, QStringLiteral("Recordings folder"),
                                                                          path->text());
-                if (key != "saveRecordingsFolder") {
-                    if (chosen.isEmpty()) return;
-                    set(settings_, std::filesystem::path(chosen.toStdString()));
-                    path->setText(chosen);
-                    return;
-                }
-                // The recordings folder is taken only when we can write into it; the chooser falls back otherwise.
                 RecordingsFolderChooser chooser(settings_, [this](const std::string& message) {
                     QMessageBox::warning(this, QStringLiteral("Recordings folder"), qs(message));
                 });
