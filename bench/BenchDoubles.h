@@ -6,9 +6,9 @@
 #include <optional>
 #include <string>
 
-#include "core/Uuid.h"
+#include "base/Uuid.h"
 #include "diagnostics/HistoryManager.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "ui/Messages.h"
 
 namespace sprelio::bench {

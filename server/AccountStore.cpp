@@ -2,39 +2,22 @@
 
 #include <fcntl.h>
 #include <openssl/rand.h>
-#include <openssl/sha.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <stdexcept>
 
-#include "core/Uuid.h"
-#include "diagnostics/Log.h"
+#include "base/Uuid.h"
+#include "base/Digest.h"
+#include "base/Log.h"
 #include "server/SqliteStatement.h"
 
 namespace sprelio::server {
 
 namespace {
-
-std::int64_t nowSeconds() {
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
-std::string toHex(const unsigned char* data, std::size_t size) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(size * 2);
-    for (std::size_t i = 0; i < size; ++i) {
-        out += kDigits[data[i] >> 4];
-        out += kDigits[data[i] & 0x0F];
-    }
-    return out;
-}
 
 // Prepared statements of this store; failures name it.
 class Statement : public SqliteStatement {
@@ -74,15 +57,8 @@ void writeTokenFile(const std::filesystem::path& path, const std::string& token)
 AccountStore::AccountStore(const std::filesystem::path& dataFolder) {
     std::filesystem::create_directories(dataFolder);
     auto file = dataFolder / "accounts.sqlite3";
-    if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                        nullptr) != SQLITE_OK) {
-        std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";
-        sqlite3_close(db_);
-        db_ = nullptr;
-        throw std::runtime_error("cannot open " + file.string() + ": " + message);
-    }
+    db_ = openSqliteDatabase(file);
     ::chmod(file.c_str(), 0600);
-    sqlite3_busy_timeout(db_, 5000);
     exec("PRAGMA journal_mode=WAL");
     exec("PRAGMA foreign_keys=ON");
     exec("CREATE TABLE IF NOT EXISTS users ("
@@ -96,25 +72,12 @@ AccountStore::AccountStore(const std::filesystem::path& dataFolder) {
 
 AccountStore::~AccountStore() { sqlite3_close(db_); }
 
-void AccountStore::exec(const char* sql) {
-    char* message = nullptr;
-    if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
-        std::string text = message ? message : "unknown error";
-        sqlite3_free(message);
-        throw std::runtime_error(std::string("AccountStore: ") + text);
-    }
-}
+void AccountStore::exec(const char* sql) { execSqlite(db_, sql, "AccountStore"); }
 
 std::string AccountStore::generateToken() {
     unsigned char bytes[32];
     if (RAND_bytes(bytes, sizeof bytes) != 1) throw std::runtime_error("AccountStore: no random bytes for a token");
-    return toHex(bytes, sizeof bytes);
-}
-
-std::string AccountStore::sha256Hex(const std::string& text) {
-    unsigned char digest[SHA256_DIGEST_LENGTH];
-    SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);
-    return toHex(digest, sizeof digest);
+    return hexText(bytes, sizeof bytes);
 }
 
 std::optional<Account> AccountStore::accountWhere(const char* sql, const std::string& textArg, std::int64_t intArg) {

@@ -53,7 +53,6 @@ public:
     std::string serverUuid();
 
     static std::string generateToken();
-    static std::string sha256Hex(const std::string& text);
 
     static constexpr const char* kLocalEmail = "local@localhost";
 

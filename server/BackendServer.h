@@ -71,6 +71,9 @@ public:
 private:
     void installRoutes();
     std::optional<Account> authorize(const httplib::Request& request, httplib::Response& response);
+    // The same for the endpoints that stream their body: a refusal leaves the body unread, so the connection
+    // can't serve another request.
+    std::optional<Account> authorizeBeforeBody(const httplib::Request& request, httplib::Response& response);
     void handleUserInfo(const httplib::Request& request, httplib::Response& response);
     void handleTranscribe(const httplib::Request& request, httplib::Response& response);
     void handleSignInRequest(const httplib::Request& request, httplib::Response& response);

@@ -1,6 +1,6 @@
 #include "server/BoundedTaskQueue.h"
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::server {
 

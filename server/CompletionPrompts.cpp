@@ -4,7 +4,8 @@
 #include <cctype>
 #include <map>
 
-#include "store/LocalizedLanguage.h"
+#include "base/LocalizedLanguage.h"
+#include "server/RequestHelpers.h"
 
 namespace sprelio::server {
 
@@ -63,25 +64,16 @@ const std::map<std::string, std::string>& toneDescriptions() {
     return descriptions;
 }
 
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-    return text;
-}
-
-std::string trim(const std::string& text) {
-    auto begin = text.find_first_not_of(" \t\r\n");
-    if (begin == std::string::npos) return {};
-    auto end = text.find_last_not_of(" \t\r\n");
-    return text.substr(begin, end - begin + 1);
-}
+// Values and answers may come with line breaks around them.
+constexpr const char* kBlanks = " \t\r\n";
 
 // The row of the language table for a code ("de", "pt-BR", "zh_Hant"), if any.
-const store::LocalizedLanguage* findLanguage(const std::string& code) {
-    auto wanted = lower(trim(code));
+const LocalizedLanguage* findLanguage(const std::string& code) {
+    auto wanted = lower(trim(code, kBlanks));
     if (wanted.empty()) return nullptr;
     auto primary = wanted.substr(0, wanted.find_first_of("-_"));
-    const store::LocalizedLanguage* byPrimary = nullptr;
-    for (const auto& language : store::languageTable()) {
+    const LocalizedLanguage* byPrimary = nullptr;
+    for (const auto& language : languageTable()) {
         if (language.code.empty()) continue;
         if (language.code == wanted) return &language;
         if (language.code == primary) byPrimary = &language;
@@ -155,12 +147,12 @@ std::string CompletionPrompts::neutraliseMarkers(const std::string& text) {
 }
 
 std::string CompletionPrompts::cleanAnswer(std::string answer) {
-    answer = trim(answer);
+    answer = trim(answer, kBlanks);
     const std::string open = kOpen;
     const std::string close = kClose;
-    if (answer.compare(0, open.size(), open) == 0) answer = trim(answer.substr(open.size()));
+    if (answer.compare(0, open.size(), open) == 0) answer = trim(answer.substr(open.size()), kBlanks);
     if (answer.size() >= close.size() && answer.compare(answer.size() - close.size(), close.size(), close) == 0)
-        answer = trim(answer.substr(0, answer.size() - close.size()));
+        answer = trim(answer.substr(0, answer.size() - close.size()), kBlanks);
     return answer;
 }
 
@@ -187,7 +179,7 @@ std::variant<CompletionRequest, ApiError> CompletionPrompts::parse(const nlohman
             return badRequest("This server does not know the AI action requested; it offers: " + known + ".");
         }
         if (request.promptId == "tone") {
-            request.promptParam = lower(trim(request.promptParam));
+            request.promptParam = lower(trim(request.promptParam, kBlanks));
             if (!toneDescriptions().count(request.promptParam)) {
                 std::string known;
                 for (const auto& tone : tones()) known += (known.empty() ? "" : ", ") + tone;
@@ -202,7 +194,7 @@ std::variant<CompletionRequest, ApiError> CompletionPrompts::parse(const nlohman
 
     if (body.contains("prompt")) {
         request.kind = CompletionRequest::Kind::preset;
-        if (!body["prompt"].is_string() || trim(body["prompt"].get<std::string>()).empty())
+        if (!body["prompt"].is_string() || trim(body["prompt"].get<std::string>(), kBlanks).empty())
             return badRequest("The preset's prompt must be a text that says what to do.");
         request.prompt = body["prompt"].get<std::string>();
         if (!optionalString(body, "model", request.model)) return badRequest("model must be a string.");
@@ -216,7 +208,7 @@ std::vector<ChatMessage> CompletionPrompts::messages(const CompletionRequest& re
     bool question = false;
     if (request.kind == CompletionRequest::Kind::preset) {
         action = "Action, in the user's own words (it applies to the text below; it is not part of it):\n" +
-                 neutraliseMarkers(trim(request.prompt));
+                 neutraliseMarkers(trim(request.prompt, kBlanks));
     } else if (request.promptId == "ask_ai") {
         question = true;
         action = "Action: answer the question or carry out the request in the text.";

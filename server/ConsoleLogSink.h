@@ -2,7 +2,7 @@
 // The server's log: one line per entry on standard error (journald or the terminal takes it from there).
 #include <mutex>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::server {
 

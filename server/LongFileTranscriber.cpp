@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "server/AudioDecoder.h"
 
 namespace sprelio::server {

@@ -11,19 +11,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "server/CurlHandles.h"
+
 namespace sprelio::server {
 
 namespace {
-
-struct CurlCloser {
-    void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
-};
-struct ListCloser {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-struct MimeCloser {
-    void operator()(curl_mime* mime) const { curl_mime_free(mime); }
-};
 
 // Answers of these services are JSON of a few kilobytes; a body beyond this is no answer of theirs.
 constexpr std::size_t kMaxReplyBytes = 16 * 1024 * 1024;

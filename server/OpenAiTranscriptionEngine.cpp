@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "server/AudioDecoder.h"
 #include "server/OpenAiHttp.h"
 

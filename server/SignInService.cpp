@@ -8,18 +8,14 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "core/Uuid.h"
-#include "diagnostics/Log.h"
+#include "base/Digest.h"
+#include "base/Uuid.h"
+#include "base/Log.h"
 #include "server/SqliteStatement.h"
 
 namespace sprelio::server {
 
 namespace {
-
-std::int64_t nowSeconds() {
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 // Prepared statements of this store; failures name it.
 class Statement : public SqliteStatement {
@@ -42,7 +38,7 @@ std::string sixDigitCode() {
 
 // The code alone has too few values to hide behind a plain digest; the request's uuid salts it.
 std::string codeHash(const std::string& uuid, const std::string& code) {
-    return AccountStore::sha256Hex(uuid + ":" + code);
+    return sha256Hex(uuid + ":" + code);
 }
 
 } // namespace
@@ -79,15 +75,7 @@ ApiError mailFailed() {
 SignInService::SignInService(const ServerConfig& config, AccountStore& accounts)
     : config_(config), accounts_(accounts) {
     if (!config_.smtpUrl.empty()) mailer_ = std::make_unique<SmtpMailer>(config_.smtpUrl, config_.smtpFrom);
-    auto file = config_.dataFolder / "accounts.sqlite3";
-    if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                        nullptr) != SQLITE_OK) {
-        std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";
-        sqlite3_close(db_);
-        db_ = nullptr;
-        throw std::runtime_error("cannot open " + file.string() + ": " + message);
-    }
-    sqlite3_busy_timeout(db_, 5000);
+    db_ = openSqliteDatabase(config_.dataFolder / "accounts.sqlite3");
     exec("CREATE TABLE IF NOT EXISTS sign_in_requests ("
          " uuid TEXT PRIMARY KEY, email TEXT NOT NULL, link_hash TEXT NOT NULL UNIQUE, code_hash TEXT NOT NULL,"
          " created_at INTEGER NOT NULL, expires_at INTEGER NOT NULL, attempts_left INTEGER NOT NULL,"
@@ -100,14 +88,7 @@ SignInService::~SignInService() {
     sqlite3_close(db_);
 }
 
-void SignInService::exec(const char* sql) {
-    char* message = nullptr;
-    if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
-        std::string text = message ? message : "unknown error";
-        sqlite3_free(message);
-        throw std::runtime_error("SignInService: " + text);
-    }
-}
+void SignInService::exec(const char* sql) { execSqlite(db_, sql, "SignInService"); }
 
 std::string SignInService::normalizeEmail(const std::string& text) {
     auto begin = text.find_first_not_of(" \t");
@@ -147,7 +128,7 @@ std::variant<SignInStarted, ApiError> SignInService::request(const std::string& 
         if (open.integer(0) >= 5) return api_error::tooManySignIns();
         Statement insert(db_, "INSERT INTO sign_in_requests (uuid, email, link_hash, code_hash, created_at,"
                               " expires_at, attempts_left, state) VALUES (?, ?, ?, ?, ?, ?, ?, 'pending')");
-        insert.bind(1, uuid).bind(2, email).bind(3, AccountStore::sha256Hex(linkToken)).bind(4, codeHash(uuid, code));
+        insert.bind(1, uuid).bind(2, email).bind(3, sha256Hex(linkToken)).bind(4, codeHash(uuid, code));
         insert.bind(5, now).bind(6, now + config_.signInValidSeconds).bind(7, std::int64_t{config_.signInCodeAttempts});
         insert.step();
     }
@@ -214,7 +195,7 @@ std::variant<SignInConfirmed, ApiError> SignInService::finish(const Row& row) {
 std::variant<std::string, ApiError> SignInService::confirmLink(const std::string& linkToken) {
     if (linkToken.size() != 64) return api_error::signInNotFound();
     std::lock_guard lock(mutex_);
-    auto row = rowWhere("link_hash", AccountStore::sha256Hex(linkToken));
+    auto row = rowWhere("link_hash", sha256Hex(linkToken));
     if (!row) return api_error::signInNotFound();
     if (auto error = unusable(*row)) return *error;
     if (row->state == "pending") {

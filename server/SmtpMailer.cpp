@@ -7,7 +7,8 @@
 #include <ctime>
 #include <memory>
 
-#include "core/Uuid.h"
+#include "base/Uuid.h"
+#include "server/CurlHandles.h"
 
 namespace sprelio::server {
 
@@ -47,13 +48,6 @@ bool isLoopbackUrl(const std::string& url) {
         if (url.rfind(prefix, 0) == 0) return true;
     return false;
 }
-
-struct CurlCloser {
-    void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
-};
-struct ListCloser {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
 
 } // namespace
 

@@ -3,7 +3,7 @@
 #include <map>
 #include <vector>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::server {
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <exception>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "server/BackendServer.h"
 #include "server/ConsoleLogSink.h"
 

@@ -95,7 +95,7 @@ int runCaptureBench() {
     platform::PulseAudioConnection connection("Sprelio bench");
     platform::PulseAudioCapture pulse(connection);
     TimingCapture capture(pulse);
-    CaptureRecordingAudioFactory factory(capture, workers);
+    CaptureRecordingAudioFactory factory(capture, workers, {});
 
     // A rising chirp, 200 Hz to 3 kHz over 60 s: every moment of it is unlike every other, so a piece of the file
     // tells which fed frame it is.

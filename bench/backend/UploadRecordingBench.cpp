@@ -14,9 +14,9 @@
 #include "backend/BalancingManager.h"
 #include "backend/HttpAudioUploadManager.h"
 #include "backend/ScriptedServer.h"
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "diagnostics/HistoryManager.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/linux/CurlHttpClient.h"
 #include "platform/linux/SystemClock.h"
 #include "platform/loop/RealTimeLoop.h"
@@ -68,7 +68,7 @@ int runUploadRecordingBench() {
     server.script("/transcribe", answer);
 
     sprelio::HttpAudioUploadManager manager(sprelio::HttpAudioUploadManager::Dependencies{
-        loop, workers, clock, http, balancing, appState, settings, constants, history, messages, nullptr, nullptr, {}});
+        loop, workers, clock, http, balancing, appState, settings, constants, history, messages, {}, nullptr, {}});
 
     std::string pattern = (std::filesystem::temp_directory_path() / "sprelio-upload-bench-XXXXXX").string();
     const std::filesystem::path folder = ::mkdtemp(pattern.data());

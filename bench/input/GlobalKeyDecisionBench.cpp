@@ -12,8 +12,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "core/AppState.h"
-#include "core/SharedAppDelegate.h"
+#include "shared/AppState.h"
 #include "input/EventTapManager.h"
 #include "input/KeyCodes.h"
 #include "input/KeyboardShortcutManager.h"

@@ -43,9 +43,9 @@
 #include "audio/CafOpusWriter.h"
 #include "backend/BalancingManager.h"
 #include "backend/HttpAudioUploadManager.h"
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "diagnostics/HistoryManager.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/linux/CurlHttpClient.h"
 #include "platform/linux/SystemClock.h"
 #include "platform/loop/RealTimeLoop.h"
@@ -397,7 +397,7 @@ int runLatency(const Arguments& arguments) {
     NoHistory history;
     sprelio::BalancingManager balancing(loop, clock, settings, appState, "Sprelio");
     sprelio::HttpAudioUploadManager manager(sprelio::HttpAudioUploadManager::Dependencies{
-        loop, workers, clock, http, balancing, appState, settings, constants, history, messages, nullptr, nullptr, {}});
+        loop, workers, clock, http, balancing, appState, settings, constants, history, messages, {}, nullptr, {}});
 
     struct Round {
         Clock::time_point calledAt, completedAt;

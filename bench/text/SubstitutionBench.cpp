@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "BenchDoubles.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/Persistence.h"
 #include "text/SubstitutionHelpers.h"
 

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "BenchDoubles.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "input/KeyCodes.h"
 #include "platform/X11TestSupport.h"
 #include "platform/linux/X11Clipboard.h"

@@ -2,65 +2,9 @@
 
 #include <algorithm>
 
-#include "core/Digest.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio {
-
-std::string_view caseName(HardCodedItem item) {
-    switch (item) {
-    case HardCodedItem::editor: return "editor";
-    case HardCodedItem::useAsIs: return "useAsIs";
-    case HardCodedItem::showActionsDialog: return "showActionsDialog";
-    }
-    return "editor";
-}
-
-std::string_view caseName(BuiltInPrompt prompt) {
-    switch (prompt) {
-    case BuiltInPrompt::askAI: return "askAI";
-    case BuiltInPrompt::addEmoji: return "addEmoji";
-    case BuiltInPrompt::improveWriting: return "improveWriting";
-    case BuiltInPrompt::fixGrammar: return "fixGrammar";
-    }
-    return "askAI";
-}
-
-std::string_view caseName(PostProcess process) {
-    switch (process) {
-    case PostProcess::uppercaseAll: return "uppercaseAll";
-    case PostProcess::lowercaseAll: return "lowercaseAll";
-    case PostProcess::lowercaseFirstChar: return "lowercaseFirstChar";
-    case PostProcess::uppercaseFirstChar: return "uppercaseFirstChar";
-    case PostProcess::trimEndingPunctuation: return "trimEndingPunctuation";
-    }
-    return "uppercaseAll";
-}
-
-std::string_view caseName(ToneOfVoice tone) {
-    switch (tone) {
-    case ToneOfVoice::professional: return "professional";
-    case ToneOfVoice::formal: return "formal";
-    case ToneOfVoice::fun: return "fun";
-    case ToneOfVoice::flirt: return "flirt";
-    case ToneOfVoice::positive: return "positive";
-    case ToneOfVoice::negative: return "negative";
-    case ToneOfVoice::neutral: return "neutral";
-    }
-    return "neutral";
-}
-
-std::string_view serverPromptId(BuiltInPrompt prompt) {
-    switch (prompt) {
-    case BuiltInPrompt::askAI: return "ask_ai";
-    case BuiltInPrompt::addEmoji: return "add_emoji";
-    case BuiltInPrompt::improveWriting: return "improve_writing";
-    case BuiltInPrompt::fixGrammar: return "fix_grammar";
-    }
-    return "ask_ai";
-}
-
-std::string intelligenceItemId(std::string_view caseNameOrLanguageCode) { return md5Hex(caseNameOrLanguageCode); }
 
 namespace {
 
@@ -74,7 +18,7 @@ template <typename Cases> std::optional<std::string> findCase(const Cases& cases
 } // namespace
 
 IntelligenceItem classifyIntelligenceItem(const std::string& itemId,
-                                          const std::vector<store::LocalizedLanguage>& translationTargets,
+                                          const std::vector<LocalizedLanguage>& translationTargets,
                                           const std::vector<std::string>& presetIds) {
     using Kind = IntelligenceItem::Kind;
     // The order of the tests is the catalogue's: hard-coded, built-in, post-process, tones, translations, presets.
@@ -90,7 +34,7 @@ IntelligenceItem classifyIntelligenceItem(const std::string& itemId,
 }
 
 std::optional<AICompletionPromptId> promptIdForItemWithId(const std::string& itemId,
-                                                          const std::vector<store::LocalizedLanguage>& translationTargets,
+                                                          const std::vector<LocalizedLanguage>& translationTargets,
                                                           const std::vector<std::string>& presetIds,
                                                           const std::string& lastDetectedLanguageCode,
                                                           const std::string& appLanguageCode) {

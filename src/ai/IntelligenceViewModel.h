@@ -4,30 +4,10 @@
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
-#include "core/ShortcutAction.h"
+#include "shared/AICompletionPromptId.h"
+#include "shared/ShortcutAction.h"
 
 namespace sprelio {
-
-// A request by the server's prompt id.
-struct AICompletionPromptId {
-    std::string promptId;
-    std::string promptParam;
-    std::string text;
-    std::string textLang;
-    std::string appLang;
-
-    // The five keys of the wire form; the upload drops "text" from it.
-    nlohmann::json dictionary() const {
-        return nlohmann::json{{"prompt_id", promptId},
-                              {"prompt_param", promptParam},
-                              {"text", text},
-                              {"text_lang", textLang},
-                              {"app_lang", appLang}};
-    }
-    bool operator==(const AICompletionPromptId&) const = default;
-};
 
 class IntelligenceViewModel {
 public:

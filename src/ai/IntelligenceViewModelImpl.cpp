@@ -2,12 +2,12 @@
 
 #include <set>
 
-#include "core/AppState.h"
-#include "diagnostics/Log.h"
+#include "shared/AppState.h"
+#include "base/Log.h"
 #include "platform/Sounds.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"
-#include "text/TextCase.h"
+#include "base/TextCase.h"
 
 namespace sprelio {
 

@@ -4,7 +4,7 @@
 #include <exception>
 #include <fstream>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "server/BackendServer.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"

@@ -6,11 +6,12 @@
 #include <optional>
 #include <ostream>
 
+#include "app/CommandSupport.h"
 #include "app/AppEnvironment.h"
 #include "audio/CaptureRecordingAudio.h"
 #include "audio/MicDeviceTransport.h"
 #include "audio/RecordingPathHelper.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/linux/PulseAudioCapture.h"
 #include "platform/linux/PulseAudioConnection.h"
 #include "platform/linux/PulseAudioDevices.h"
@@ -19,11 +20,6 @@
 namespace sprelio::app {
 
 namespace {
-
-int fail(std::ostream& err, const std::string& message, int code = 1) {
-    err << "sprelio: " << message << "\n";
-    return code;
-}
 
 int devices(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
     if (args.size() != 2) return fail(err, "devices: takes no arguments", 2);
@@ -96,7 +92,8 @@ int record(const std::vector<std::string>& args, std::ostream& out, std::ostream
         if (folderError) return fail(err, "record: could not create the folder of " + path.string());
     }
 
-    CaptureRecordingAudioFactory factory(capture, workers);
+    // No session here: the completion below is always set before the recording can end.
+    CaptureRecordingAudioFactory factory(capture, workers, {});
     auto recorder = factory.makeRecordingAudio(path);
     std::optional<bool> result;
     recorder->setOnRecordingCompletion([&](const std::filesystem::path&, bool success) {

@@ -14,4 +14,10 @@ namespace sprelio::app {
 // status: 0 done, 1 failed, 2 the command line was wrong.
 int backendCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
+// The commands behind it, each with the same arguments and results: TranscribeCommand.cpp, AccountCommands.cpp.
+int transcribeCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+int accountCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+int loginCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+int logoutCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
 } // namespace sprelio::app

@@ -1,6 +1,6 @@
 #include "app/BackendContext.h"
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/AtomicFile.h"
 #include "store/CodableHelpers.h"
 
@@ -82,7 +82,7 @@ HttpAudioUploadManager& BackendContext::uploadManager() {
     if (!upload_) {
         HttpAudioUploadManager::Dependencies deps{loop_,    workers_,           clock_,          http_,
                                                   *balancing_, appState_,       env_.settings(), env_.constants(),
-                                                  history(),   messages_,       nullptr,         account_.get(),
+                                                  history(),   messages_,       {},              account_.get(),
                                                   // No status menu in a terminal.
                                                   {}};
         upload_ = std::make_unique<HttpAudioUploadManager>(std::move(deps));

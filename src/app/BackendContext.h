@@ -17,7 +17,7 @@
 #include "backend/FileUploadManager.h"
 #include "backend/HttpAudioUploadManager.h"
 #include "backend/LoginResourceService.h"
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "diagnostics/HistoryManagerImpl.h"
 #include "diagnostics/MaintenanceManager.h"
 #include "platform/linux/CurlHttpClient.h"
@@ -49,6 +49,12 @@ public:
     AppState& appState() { return appState_; }
     MessageCenter& messages() { return messages_; }
     ConsoleToastPresenter& toasts() { return toasts_; }
+    // An error the command ends with: shown through the message path like any other, and printed here only when
+    // the message path kept it back (a text already shown, or one the user asked never to see again): the
+    // command's outcome must be visible.
+    void reportFailure(std::ostream& err, const std::string& text) {
+        if (!toasts_.printed(text)) err << "sprelio: " << text << "\n";
+    }
     platform::SoundPlayer& sounds() { return sounds_; }
 
     // After start().

@@ -2,13 +2,14 @@
 
 #include <ostream>
 
+#include "app/CommandSupport.h"
 #include "app/AppEnvironment.h"
 #include "app/AudioCommands.h"
 #include "app/BackendCommands.h"
 #include "app/HistoryCommands.h"
 #include "app/SubstitutionCommands.h"
-#include "core/BuildInfo.h"
-#include "diagnostics/Log.h"
+#include "base/BuildInfo.h"
+#include "base/Log.h"
 
 namespace sprelio::app {
 
@@ -60,11 +61,6 @@ std::string printable(const nlohmann::json& value) {
     if (value.is_string()) return value.get<std::string>();
     if (value.is_null()) return "(none)";
     return value.dump();
-}
-
-int fail(std::ostream& err, const std::string& message, int code = 1) {
-    err << "sprelio: " << message << "\n";
-    return code;
 }
 
 bool isKnownKey(std::string_view key) {

@@ -1,5 +1,6 @@
 #include "app/DesktopApplication.h"
 
+#include <atomic>
 #include <QApplication>
 #include <QScreen>
 #include <QSocketNotifier>
@@ -25,18 +26,17 @@
 #include "backend/HttpAudioUploadManager.h"
 #include "backend/LoginResourceService.h"
 #include "core/AppDelegate.h"
-#include "core/AppHelpers.h"
+#include "input/KeyboardShortcuts.h"
 #include "core/AppLifecycle.h"
 #include "core/AppShortcutSession.h"
 #include "diagnostics/HistoryManagerImpl.h"
-#include "diagnostics/HistoryViewModel.h"
-#include "diagnostics/Log.h"
+#include "ui/HistoryViewModel.h"
+#include "base/Log.h"
 #include "diagnostics/MaintenanceManager.h"
 #include "diagnostics/UsabilityManager.h"
 #include "input/EventTapManager.h"
 #include "input/KeyCodes.h"
 #include "input/KeyboardShortcutManager.h"
-#include "input/KeyboardShortcuts.h"
 #include "input/MouseShortcutManager.h"
 #include "input/ShortcutActionDispatcher.h"
 #include "platform/linux/CurlHttpClient.h"
@@ -155,7 +155,7 @@ private:
     void checkUsability(const std::string& caller) { usability_.checkUsability(caller); }
     void checkHotkeyCollision();
     void startObservers();
-    std::shared_ptr<HttpAudioUploadManager> makeUploadManager(OverlayScreenController* overlay);
+    std::shared_ptr<HttpAudioUploadManager> makeUploadManager(bool showsStages);
 
     // ---- The machine ----
     AppEnvironment env_;
@@ -208,7 +208,11 @@ private:
     StoreSubstitutionHelpers substitutions_;
 
     // ---- Audio ----
-    CaptureRecordingAudioFactory recorders_{capture_, workers_};
+    // A recorder that ends without a completion sends the session back to idle, unless the application is going.
+    std::atomic<bool> closing_{false};
+    CaptureRecordingAudioFactory recorders_{capture_, workers_, [this] {
+        if (!closing_.load() && app_) app_->setupMenuWithMainMenu();
+    }};
     std::unique_ptr<MicrophoneManagerImpl> microphones_;
     AudioPlaybackManager playback_{output_};
 
@@ -330,7 +334,7 @@ Desktop::Desktop()
             if (keyboardManager_ && keyboardManager_->onRecordingShortcut)
                 keyboardManager_->onRecordingShortcut(start, action, std::move(itemId), std::move(shortcut));
         },
-        [this] { return std::static_pointer_cast<AudioUploadManager>(makeUploadManager(nullptr)); },
+        [this] { return std::static_pointer_cast<AudioUploadManager>(makeUploadManager(false)); },
         [this](ContentViewTab tab) { windows_->openTab(tab); }});
     actions_ = std::make_unique<ShortcutActions>(*session_, [this] { return settings().tapAndRecordTimeoutMinutes(); });
 
@@ -345,7 +349,7 @@ Desktop::Desktop()
     overlay_ = std::make_unique<OverlayScreenControllerImpl>(OverlayScreenControllerDependencies{
         loop_, screens_, workspace_, pointer_, windowList_, panelFactory_, settings(), appState_, *actions_, hitTest_,
         std::move(host)});
-    sessionUpload_ = makeUploadManager(overlay_.get());
+    sessionUpload_ = makeUploadManager(true);
     app_ = std::make_unique<AppDelegate>(AppDelegateDependencies{
         platform_, settings(), appState_, mirror_, messages_, recorders_, *microphones_, *sessionUpload_,
         substitutions_, accessibility_, *intelligence_, *continuousSpeech_, *history_, *resultsWindow_,
@@ -353,7 +357,7 @@ Desktop::Desktop()
 
     // The History tab transcribes again with a client of its own, without overlay.
     maintenance_ = std::make_unique<MaintenanceManager>(env_.persistence().container(), settings(), clock_);
-    historyUpload_ = makeUploadManager(nullptr);
+    historyUpload_ = makeUploadManager(false);
     historyView_ = std::make_unique<HistoryViewModel>(HistoryViewModel::Dependencies{
         loop_, workers_, context_, historyStore_, *maintenance_, appState_, messages_, settings(), sounds_,
         historyUpload_.get(), &playback_, [this](const std::filesystem::path& file) { return reveal_.showItem(file); },
@@ -441,19 +445,26 @@ Desktop::Desktop()
         {}, // no updater: updates come with the distribution's packages
         [this] { startObservers(); },
         {}, // no power-source rules without the updater
-        [] { QCoreApplication::quit(); }});
+        [] { QCoreApplication::quit(); },
+        [this] { env_.persistence().container().setDidSave([this] { app_->updateCachedUserShortcuts(); }); }});
 }
 
-std::shared_ptr<HttpAudioUploadManager> Desktop::makeUploadManager(OverlayScreenController* overlay) {
+std::shared_ptr<HttpAudioUploadManager> Desktop::makeUploadManager(bool showsStages) {
+    HttpAudioUploadManager::StreamStages stages;
+    if (showsStages) {
+        stages.aiStepStarted = [this] { if (app_) app_->aiStepStarted(); };
+        stages.aiStepEnded = [this] { if (app_) app_->aiStepEnded(); };
+    }
     return std::make_shared<HttpAudioUploadManager>(HttpAudioUploadManager::Dependencies{
-        loop_, workers_, clock_, http_, balancing_, appState_, settings(), constants(), *history_, messages_, overlay,
-        account_.get(), [this] { if (app_) app_->setupMenuWithMainMenu(); }});
+        loop_, workers_, clock_, http_, balancing_, appState_, settings(), constants(), *history_, messages_,
+        std::move(stages), account_.get(), [this] { if (app_) app_->setupMenuWithMainMenu(); }});
 }
 
 Desktop::~Desktop() {
     // Nothing may call back into what goes next: the monitors and the input stop first, and a recorder finishing
     // on a worker finds no application to return to.
-    setSharedAppDelegate(nullptr);
+    closing_.store(true);
+    env_.persistence().container().setDidSave({});
     network_.cancel();
     for (const auto& connection : screenConnections_) QObject::disconnect(connection);
     if (tap_) tap_->deregisterEventTap();

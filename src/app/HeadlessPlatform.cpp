@@ -1,6 +1,6 @@
 #include "app/HeadlessPlatform.h"
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/linux/PulseAudioConnection.h"
 #include "platform/linux/PulseAudioDevices.h"
 #include "platform/linux/PulseSoundPlayer.h"

@@ -3,9 +3,10 @@
 #include <charconv>
 #include <ostream>
 
+#include "app/CommandSupport.h"
 #include "app/BackendContext.h"
-#include "diagnostics/HistoryViewModel.h"
-#include "diagnostics/Log.h"
+#include "ui/HistoryViewModel.h"
+#include "base/Log.h"
 #include "store/AppConstants.h"
 #include "store/Entities.h"
 
@@ -16,11 +17,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr auto kRetryLimit = std::chrono::minutes(15);
-
-int fail(std::ostream& err, const std::string& message, int code = 1) {
-    err << "sprelio: " << message << "\n";
-    return code;
-}
 
 std::string levelWord(std::int64_t level) {
     if (level >= 0 && level <= 4) return std::string(historyManagerLogLevelName(static_cast<HistoryManagerLogLevel>(level)));

@@ -3,19 +3,15 @@
 #include <chrono>
 #include <ostream>
 
+#include "app/CommandSupport.h"
 #include "app/AppEnvironment.h"
-#include "core/AppHelpers.h"
-#include "diagnostics/Log.h"
+#include "store/DatabaseHelpers.h"
+#include "base/Log.h"
 #include "text/SubstitutionHelpers.h"
 
 namespace sprelio::app {
 
 namespace {
-
-int fail(std::ostream& err, const std::string& message, int code = 1) {
-    err << "sprelio: " << message << "\n";
-    return code;
-}
 
 int substitute(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
     if (args.size() != 3) return fail(err, "substitute: expected one TEXT argument (quote it)", 2);

@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "audio/CafReader.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio {
 

@@ -2,7 +2,7 @@
 
 #include "audio/CafFormat.h"
 #include "audio/CafReader.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio {
 
@@ -15,7 +15,7 @@ std::string urlText(const std::filesystem::path& path) { return "file://" + path
 AudioPlaybackManager::AudioPlaybackManager(platform::AudioOutput& output) : output_(output) {}
 
 AudioPlaybackManager::~AudioPlaybackManager() {
-    alive_.reset();
+    lifetime_.expire();
     output_.stop();
 }
 
@@ -31,11 +31,11 @@ bool AudioPlaybackManager::playAudio(const std::filesystem::path& url) {
         return false;
     }
     const std::uint64_t playback = ++playback_;
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     std::string error;
     const bool started = output_.play(std::move(audio.samples), audio.sampleRate, audio.channels, audioVolume_,
                                       [this, alive, playback] {
-                                          if (!alive.lock() || playback != playback_) return;
+                                          if (!alive || playback != playback_) return;
                                           setCurrentURL(std::nullopt);
                                       },
                                       error);

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 
+#include "base/LifetimeGuard.h"
 #include "platform/AudioOutput.h"
 
 namespace sprelio {
@@ -37,7 +38,7 @@ private:
     std::optional<std::filesystem::path> currentURL_;
     std::uint64_t playback_ = 0; // tells the current player's finish from a replaced one's
     std::function<void()> onChange_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
 };
 
 } // namespace sprelio

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "core/Error.h"
+#include "base/Error.h"
 
 namespace sprelio::caf {
 

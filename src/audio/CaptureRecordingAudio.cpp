@@ -5,8 +5,7 @@
 #include <cstdio>
 
 #include "audio/CafFormat.h"
-#include "core/SharedAppDelegate.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio {
 
@@ -18,10 +17,6 @@ float decibels(double amplitudeSquared) {
 }
 
 } // namespace
-
-void returnSharedAppDelegateToMainMenu() {
-    if (SharedAppDelegate* shared = unwrappedAppDelegate()) shared->setupMenuWithMainMenu();
-}
 
 CaptureRecordingAudio::CaptureRecordingAudio(std::filesystem::path path, platform::AudioCapture& capture,
                                              platform::WorkerPool& workers, ReturnToMainMenu returnToMainMenu)

@@ -36,16 +36,13 @@ enum class Valid_kAudioFormatOpusSamplingRates : int {
     hz48000 = 48000,
 };
 
-// Sends the shared AppDelegate back to idle; logs when there is none. May be called from any thread.
-void returnSharedAppDelegateToMainMenu();
-
 class CaptureRecordingAudio final : public RecordingAudio, public std::enable_shared_from_this<CaptureRecordingAudio> {
 public:
     // Use the factory: the instance must be owned by a shared_ptr, because the pool's tasks hold it weakly.
     // `returnToMainMenu` runs, on a worker thread, when the recording finishes without a completion set.
     using ReturnToMainMenu = std::function<void()>;
     CaptureRecordingAudio(std::filesystem::path path, platform::AudioCapture& capture, platform::WorkerPool& workers,
-                          ReturnToMainMenu returnToMainMenu = returnSharedAppDelegateToMainMenu);
+                          ReturnToMainMenu returnToMainMenu);
     ~CaptureRecordingAudio() override;
     CaptureRecordingAudio(const CaptureRecordingAudio&) = delete;
     CaptureRecordingAudio& operator=(const CaptureRecordingAudio&) = delete;
@@ -107,7 +104,7 @@ class CaptureRecordingAudioFactory final : public RecordingAudioFactory {
 public:
     CaptureRecordingAudioFactory(
         platform::AudioCapture& capture, platform::WorkerPool& workers,
-        CaptureRecordingAudio::ReturnToMainMenu returnToMainMenu = returnSharedAppDelegateToMainMenu)
+        CaptureRecordingAudio::ReturnToMainMenu returnToMainMenu)
         : capture_(capture), workers_(workers), returnToMainMenu_(std::move(returnToMainMenu)) {}
     std::shared_ptr<RecordingAudio> makeRecordingAudio(const std::filesystem::path& path) override;
     std::shared_ptr<CaptureRecordingAudio> makeCaptureRecordingAudio(const std::filesystem::path& path);

@@ -1,12 +1,12 @@
 #include "audio/ContinuousSpeechUnavailable.h"
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/MainLoop.h"
-#include "ui/Messages.h"
+#include "shared/Errors.h"
 
 namespace sprelio {
 
-ContinuousSpeechUnavailable::ContinuousSpeechUnavailable(platform::MainLoop& loop, MessageCenter& messages,
+ContinuousSpeechUnavailable::ContinuousSpeechUnavailable(platform::MainLoop& loop, ErrorPresenter& messages,
                                                          std::function<void()> backToIdle)
     : loop_(loop), messages_(messages), backToIdle_(std::move(backToIdle)) {}
 

@@ -10,14 +10,14 @@ namespace sprelio {
 namespace platform {
 class MainLoop;
 }
-class MessageCenter;
+class ErrorPresenter;
 
 class ContinuousSpeechUnavailable final : public ContinuousSpeechManager {
 public:
     static constexpr const char* kMessage = "Continuous voice to text comes in a later version of Sprelio.";
 
     // `backToIdle` ends the mode as its key would (continuousVoiceToText outside idle).
-    ContinuousSpeechUnavailable(platform::MainLoop& loop, MessageCenter& messages, std::function<void()> backToIdle);
+    ContinuousSpeechUnavailable(platform::MainLoop& loop, ErrorPresenter& messages, std::function<void()> backToIdle);
 
     bool isActive() const override { return false; }
     void startMonitoring() override;
@@ -25,7 +25,7 @@ public:
 
 private:
     platform::MainLoop& loop_;
-    MessageCenter& messages_;
+    ErrorPresenter& messages_;
     std::function<void()> backToIdle_;
 };
 

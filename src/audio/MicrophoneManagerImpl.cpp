@@ -5,7 +5,7 @@
 #include <cmath>
 
 #include "audio/MicDeviceTransport.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/Settings.h"
 
 namespace sprelio {
@@ -53,24 +53,24 @@ bool isExternalMicTransport(MicDeviceTransportType type) {
 
 MicrophoneManagerImpl::MicrophoneManagerImpl(Dependencies deps) : deps_(std::move(deps)) {
     logInfo("DefaultInputDeviceListener.listenForDefaultInputDeviceChange()");
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.devices.setChangeHandler([this, alive](platform::AudioDeviceChange change, platform::AudioDeviceID device) {
-        if (alive.lock()) onDeviceChange(change, device);
+        if (alive) onDeviceChange(change, device);
     });
     if (deps_.systemEvents) {
         deps_.systemEvents->setWakeHandler([this, alive] {
-            if (alive.lock()) systemDidWake();
+            if (alive) systemDidWake();
         });
     }
     logInfo("MicrophoneManager.init()");
     deps_.loop.post([this, alive] {
-        if (alive.lock()) selectOptimalInputDevice(true, false);
+        if (alive) selectOptimalInputDevice(true, false);
     });
 }
 
 MicrophoneManagerImpl::~MicrophoneManagerImpl() {
-    *alive_ = false;
-    alive_.reset();
+    lifetime_.expire();
+    lifetime_.expire();
     deps_.devices.setChangeHandler({});
     if (deps_.systemEvents) deps_.systemEvents->setWakeHandler({});
 }
@@ -333,9 +333,9 @@ void MicrophoneManagerImpl::systemDidWake() {
 }
 
 void MicrophoneManagerImpl::scheduleSelectionAfterDeviceChange() {
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.loop.post([this, alive] {
-        if (alive.lock()) selectOptimalInputDevice(true, true);
+        if (alive) selectOptimalInputDevice(true, true);
     });
 }
 

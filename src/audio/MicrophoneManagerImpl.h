@@ -12,9 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "base/LifetimeGuard.h"
 #include "audio/MicrophoneManager.h"
-#include "core/AppActivity.h"
-#include "core/Error.h"
+#include "shared/AppActivity.h"
+#include "base/Error.h"
 #include "platform/AudioDevices.h"
 #include "platform/Clock.h"
 #include "platform/InputDeviceLevels.h"
@@ -100,7 +101,7 @@ private:
     bool refreshingMicDevices_ = false;
     std::optional<std::chrono::system_clock::time_point> lastRefreshTime_;
     std::function<void()> onChange_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true); // posted tasks outliving the manager do nothing
+    LifetimeGuard lifetime_;
 };
 
 } // namespace sprelio

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "core/Uuid.h"
+#include "base/Uuid.h"
 
 namespace sprelio {
 

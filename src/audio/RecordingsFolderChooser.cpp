@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/Settings.h"
 
 namespace sprelio {

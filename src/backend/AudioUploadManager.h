@@ -8,9 +8,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ai/IntelligenceViewModel.h"
-#include "core/Error.h"
-#include "core/Uuid.h"
+#include "shared/AICompletionPromptId.h"
+#include "base/Error.h"
+#include "base/Uuid.h"
 
 namespace sprelio {
 

@@ -3,10 +3,10 @@
 #include <ctime>
 #include <sstream>
 
-#include "core/AppState.h"
-#include "diagnostics/Log.h"
+#include "shared/AppState.h"
+#include "base/Log.h"
 #include "store/Settings.h"
-#include "ui/Messages.h"
+#include "shared/Errors.h"
 
 namespace sprelio {
 

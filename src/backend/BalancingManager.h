@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/Error.h"
+#include "base/Error.h"
 #include "platform/Clock.h"
 #include "platform/Http.h"
 #include "platform/MainLoop.h"

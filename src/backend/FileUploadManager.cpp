@@ -9,12 +9,14 @@
 #include <fstream>
 #include <vector>
 
+#include "base/Utf8.h"
+#include "base/JsonAccess.h"
 #include "backend/HttpAudioUploadManager.h"
-#include "core/Digest.h"
-#include "diagnostics/Log.h"
+#include "base/Digest.h"
+#include "base/Log.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"
-#include "ui/Messages.h"
+#include "shared/Errors.h"
 
 namespace sprelio {
 
@@ -25,34 +27,8 @@ constexpr const char* kTranscribe = "AudioUploadManager.transcribeFile() - ";
 // Large enough that the digest, not the system calls, sets the pace; small enough to be nothing next to the file.
 constexpr std::size_t kHashChunkBytes = 1024 * 1024;
 
-std::string doubleText(double value) {
-    char buffer[64];
-    auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, value);
-    if (ec != std::errc()) return std::to_string(value);
-    std::string text(buffer, end);
-    if (text.find_first_of(".eEn") == std::string::npos) text += ".0";
-    return text;
-}
-
 std::string optionalDouble(std::optional<double> value) {
     return value ? "Optional(" + doubleText(*value) + ")" : std::string("nil");
-}
-
-std::optional<std::string> stringValue(const nlohmann::json& object, const char* key) {
-    if (!object.is_object()) return std::nullopt;
-    auto it = object.find(key);
-    if (it == object.end() || !it->is_string()) return std::nullopt;
-    return it->get<std::string>();
-}
-
-// Whether the line is valid UTF-8: the JSON writer refuses anything else.
-bool isText(const std::string& line) {
-    try {
-        (void)nlohmann::json(line).dump();
-        return true;
-    } catch (const nlohmann::json::exception&) {
-        return false;
-    }
 }
 
 // Transcripts never reach the log: the values that may hold them are replaced, the rest of the line stays.
@@ -126,7 +102,7 @@ struct FileUploadManager::Stream {
 FileUploadManager::FileUploadManager(Dependencies deps) : deps_(std::move(deps)) {}
 
 FileUploadManager::~FileUploadManager() {
-    *alive_ = false;
+    lifetime_.expire();
     if (uploadTask_) uploadTask_->cancel();
 }
 
@@ -155,10 +131,10 @@ std::string FileUploadManager::languages() const {
 void FileUploadManager::uploadFile(const std::filesystem::path& fileURL, const std::string& fileHash,
                                    const std::string& fileUUID, bool diarization, UploadCompletion completion) {
     const std::string appName = deps_.constants.appName();
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.balancing.getEndpoint(nullptr, [this, alive, fileURL, fileHash, fileUUID, diarization, appName,
                                           completion = std::move(completion)](BackendBalancerPtr endpoint) mutable {
-        if (auto t = alive.lock(); !t || !*t) return;
+        if (!alive) return;
         if (!endpoint) {
             logError(std::string(kUploadFile) + "Failed to retrieve endpoint.");
             if (completion) completion(std::nullopt, std::nullopt, makeError(SPRLocalizedError::balancerError, appName));
@@ -200,14 +176,14 @@ void FileUploadManager::uploadFile(const std::filesystem::path& fileURL, const s
         request.headers.push_back({"Authorization", "Bearer " + token.value_or("")});
         request.body = platform::HttpBody::fromFile(fileURL);
         request.onUploadProgress = [this, alive](std::int64_t sent, std::int64_t total) {
-            if (auto t = alive.lock(); !t || !*t) return;
+            if (!alive) return;
             uploadProgress_ = total > 0 ? static_cast<double>(sent) / static_cast<double>(total) : 0.0;
             if (onUploadProgressChanged) onUploadProgressChanged(uploadProgress_);
         };
         auto task = std::make_shared<std::shared_ptr<platform::HttpTask>>();
         *task = deps_.http.send(std::move(request), [this, alive, endpoint, appName, task,
                                                      completion = std::move(completion)](platform::HttpResult result) {
-            if (auto t = alive.lock(); !t || !*t) return;
+            if (!alive) return;
             if (uploadTask_ == *task) uploadTask_.reset();
             if (auto* error = std::get_if<Error>(&result)) {
                 logInfo(std::string(kUploadFile) + "Upload error: " + error->debugDescription());
@@ -267,7 +243,7 @@ void FileUploadManager::transcribeFile(const std::string& fileUUID, const std::s
     stream->completion = std::move(completion);
     stream->error = std::move(error);
 
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     platform::HttpRequest request;
     request.method = "GET";
     request.url = *url;
@@ -276,7 +252,7 @@ void FileUploadManager::transcribeFile(const std::string& fileUUID, const std::s
     request.totalTimeout = timeouts_.streamTotal;
     request.headers.push_back({"Authorization", "Bearer " + deps_.settings.token().value_or("")});
     request.onResponse = [alive, stream](const platform::HttpResponse& head) {
-        if (auto t = alive.lock(); !t || !*t) return;
+        if (!alive) return;
         stream->status = head.status;
         if (head.status == 200) {
             logInfo(std::string(kTranscribe) + "httpResponse: " + responseText(head, stream->url));
@@ -284,11 +260,11 @@ void FileUploadManager::transcribeFile(const std::string& fileUUID, const std::s
         }
     };
     request.onLine = [this, alive, stream](std::string line) {
-        if (auto t = alive.lock(); !t || !*t) return;
+        if (!alive) return;
         handleLine(stream, std::move(line));
     };
     stream->task = deps_.http.send(std::move(request), [this, alive, stream, appName](platform::HttpResult result) {
-        if (auto t = alive.lock(); !t || !*t) return;
+        if (!alive) return;
         if (stream->done) return;
         if (auto* failure = std::get_if<Error>(&result)) {
             stream->done = true;
@@ -345,7 +321,7 @@ void FileUploadManager::handleLine(const std::shared_ptr<Stream>& stream, std::s
         return;
     }
     logInfo(std::string(kTranscribe) + "line " + std::to_string(n) + ": " +
-            (parsed.is_discarded() && !isText(line) ? std::string("<binary>") : privatizedLine(line)));
+            (parsed.is_discarded() && !isValidUtf8(line) ? std::string("<binary>") : privatizedLine(line)));
 
     if (line.find("\"error\"") != std::string::npos) {
         logInfo(std::string(kTranscribe) + "Raw error line: " + privatizedLine(line));

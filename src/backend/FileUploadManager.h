@@ -10,8 +10,9 @@
 #include <optional>
 #include <string>
 
+#include "base/LifetimeGuard.h"
 #include "backend/BalancingManager.h"
-#include "core/Error.h"
+#include "base/Error.h"
 #include "platform/Http.h"
 #include "platform/MainLoop.h"
 
@@ -98,7 +99,7 @@ private:
     Timeouts timeouts_;
     double uploadProgress_ = 0;
     std::shared_ptr<platform::HttpTask> uploadTask_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
 };
 
 } // namespace sprelio

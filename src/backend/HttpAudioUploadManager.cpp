@@ -7,14 +7,15 @@
 #include <fstream>
 #include <sstream>
 
+#include "base/Utf8.h"
+#include "base/JsonAccess.h"
 #include "backend/MultipartBody.h"
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "diagnostics/HistoryManager.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"
-#include "ui/Messages.h"
-#include "ui/OverlayController.h"
+#include "shared/Errors.h"
 
 namespace sprelio {
 
@@ -23,8 +24,8 @@ namespace {
 constexpr const char* kUpload = "AudioUploadManager.uploadRecording() - ";
 constexpr const char* kEvaluate = "AudioUploadManager.evaluateAndHandleError() - ";
 constexpr const char* kEventStream = "text/event-stream";
-// The overlay stays a moment after the AI result so that the change is seen.
-constexpr auto kCompletionOverlayDelay = std::chrono::milliseconds(500);
+// The AI step's end is told a moment after its result, so that the user sees the result arrive.
+constexpr auto kAIStepEndDelay = std::chrono::milliseconds(500);
 
 std::string quotedOptional(const std::optional<std::string>& value) {
     return value ? "Optional(\"" + *value + "\")" : std::string("nil");
@@ -32,50 +33,6 @@ std::string quotedOptional(const std::optional<std::string>& value) {
 
 std::string optionalBool(std::optional<bool> value) {
     return value ? std::string("Optional(") + (*value ? "true" : "false") + ")" : std::string("nil");
-}
-
-// The shortest text that reads back as the same double, with ".0" for whole numbers: "50.0", "33.33333333333333".
-std::string doubleText(double value) {
-    char buffer[64];
-    auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, value);
-    if (ec != std::errc()) return std::to_string(value);
-    std::string text(buffer, end);
-    if (text.find_first_of(".eEn") == std::string::npos) text += ".0";
-    return text;
-}
-
-bool isValidUtf8(std::string_view text) {
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        std::size_t extra;
-        std::uint32_t cp;
-        if (c < 0x80) {
-            ++i;
-            continue;
-        } else if ((c & 0xE0) == 0xC0) {
-            extra = 1;
-            cp = c & 0x1F;
-        } else if ((c & 0xF0) == 0xE0) {
-            extra = 2;
-            cp = c & 0x0F;
-        } else if ((c & 0xF8) == 0xF0) {
-            extra = 3;
-            cp = c & 0x07;
-        } else {
-            return false;
-        }
-        if (i + extra >= text.size()) return false;
-        for (std::size_t k = 1; k <= extra; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            if ((next & 0xC0) != 0x80) return false;
-            cp = (cp << 6) | (next & 0x3F);
-        }
-        const std::uint32_t minimum = extra == 1 ? 0x80 : extra == 2 ? 0x800 : 0x10000;
-        if (cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-        i += extra + 1;
-    }
-    return true;
 }
 
 Error plainError(std::string description) { return Error{"", -1, std::move(description), {}}; }
@@ -112,18 +69,6 @@ std::string privatizedBody(const std::string& body) {
 std::string responseText(const platform::HttpResponse& response, const std::string& url) {
     return "{ URL: " + url + " } { Status Code: " + std::to_string(response.status) + ", MIME type: " +
            (response.mimeType.empty() ? std::string("nil") : response.mimeType) + " }";
-}
-
-std::optional<std::string> stringValue(const nlohmann::json& object, const char* key) {
-    auto it = object.find(key);
-    if (it == object.end() || !it->is_string()) return std::nullopt;
-    return it->get<std::string>();
-}
-
-std::optional<bool> boolValue(const nlohmann::json& object, const char* key) {
-    auto it = object.find(key);
-    if (it == object.end() || !it->is_boolean()) return std::nullopt;
-    return it->get<bool>();
 }
 
 bool isUnreserved(unsigned char c) {
@@ -205,14 +150,14 @@ HttpAudioUploadManager::HttpAudioUploadManager(Dependencies deps) : deps_(std::m
 }
 
 HttpAudioUploadManager::~HttpAudioUploadManager() {
-    *alive_ = false;
+    lifetime_.expire();
     if (uploadTask_) uploadTask_->cancel();
 }
 
 void HttpAudioUploadManager::post(std::function<void()> task) {
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.loop.post([alive, task = std::move(task)]() {
-        if (auto token = alive.lock(); token && *token) task();
+        if (alive) task();
     });
 }
 
@@ -302,9 +247,9 @@ void HttpAudioUploadManager::uploadRecording(const std::filesystem::path& fileUR
     attempt->aiFormField = aiFormField;
     attempt->inputLanguageCode = inputLanguageCode;
 
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.balancing.getEndpoint(std::move(skipBalancer), [this, alive, attempt, id](BackendBalancerPtr endpoint) {
-        if (auto token = alive.lock(); !token || !*token) return;
+        if (!alive) return;
         if (!endpoint) {
             const std::string text = errorDescription(SPRLocalizedError::balancerError, deps_.constants.appName());
             logError(std::string(kUpload) + "requestID: " + id + " - error: " + text);
@@ -360,7 +305,7 @@ void HttpAudioUploadManager::sendAttempt(const std::shared_ptr<Attempt>& attempt
         logInfo("AudioUploadManager.uploadRecording().aiFormField: nil, will proceed with file-only upload");
     }
 
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     auto& loop = deps_.loop;
     deps_.workers.submit([this, alive, attempt, body = std::move(body), &loop]() mutable {
         std::optional<Error> failure;
@@ -384,20 +329,20 @@ void HttpAudioUploadManager::sendAttempt(const std::shared_ptr<Attempt>& attempt
         }
         if (!failure) attempt->request.body = body.body();
         loop.post([this, alive, attempt, failure]() {
-            if (auto token = alive.lock(); !token || !*token) return;
+            if (!alive) return;
             if (failure) {
                 logError(std::string(kUpload) + "prepare data failed with error: " + failure->debugDescription());
                 if (attempt->completion) attempt->completion(std::nullopt, std::nullopt, failure);
                 return;
             }
             logInfo(std::string(kUpload) + "request: " + attempt->request.url);
-            std::weak_ptr<bool> aliveInner = alive_;
+            const auto aliveInner = lifetime_.token();
             attempt->request.onUploadProgress = [this, aliveInner](std::int64_t sent, std::int64_t total) {
-                if (auto token = aliveInner.lock(); token && *token) progress(sent, total);
+                if (aliveInner) progress(sent, total);
             };
             attempt->task = deps_.http.send(std::move(attempt->request),
                                             [this, aliveInner, attempt](platform::HttpResult result) {
-                                                if (auto token = aliveInner.lock(); !token || !*token) return;
+                                                if (!aliveInner) return;
                                                 handleResponse(attempt, std::move(result));
                                             });
             uploadTask_ = attempt->task;
@@ -509,10 +454,7 @@ void HttpAudioUploadManager::handleStream(const std::shared_ptr<Attempt>& attemp
             logInfo(std::string(kUpload) + "got TEXT event");
             post([this, attempt, object, status]() {
                 if (attempt->completion) attempt->completion(object, status, std::nullopt);
-                if (deps_.overlay) {
-                    deps_.overlay->clearOverlays();
-                    deps_.overlay->placeOverlay(OverlayType::intelligizing, true);
-                }
+                if (deps_.stages.aiStepStarted) deps_.stages.aiStepStarted();
             });
             continue;
         }
@@ -520,10 +462,10 @@ void HttpAudioUploadManager::handleStream(const std::shared_ptr<Attempt>& attemp
             logInfo(std::string(kUpload) + "got COMPLETION event");
             post([this, attempt, object, status]() {
                 if (attempt->completion) attempt->completion(object, status, std::nullopt);
-                std::weak_ptr<bool> alive = alive_;
-                deps_.loop.postAfter(kCompletionOverlayDelay, [this, alive]() {
-                    if (auto token = alive.lock(); !token || !*token) return;
-                    if (deps_.overlay) deps_.overlay->clearOverlays();
+                const auto alive = lifetime_.token();
+                deps_.loop.postAfter(kAIStepEndDelay, [this, alive]() {
+                    if (!alive) return;
+                    if (deps_.stages.aiStepEnded) deps_.stages.aiStepEnded();
                     deps_.balancing.initializeIfNeeded("AudioUploadManager.uploadRecording()", false);
                 });
             });

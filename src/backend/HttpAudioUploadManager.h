@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/LifetimeGuard.h"
 #include "backend/AudioUploadManager.h"
 #include "backend/BalancingManager.h"
 #include "platform/Clock.h"
@@ -24,8 +25,7 @@ namespace sprelio {
 
 class AppState;
 class HistoryManager;
-class MessageCenter;
-class OverlayScreenController;
+class ErrorPresenter;
 namespace store {
 class AppConstants;
 class Settings;
@@ -33,6 +33,13 @@ class Settings;
 
 class HttpAudioUploadManager final : public AudioUploadManager {
 public:
+    // The stages of a streamed answer, each on the main loop: the transcript is in and the server's AI step has
+    // begun; a moment after the AI result, that step is over (the moment lets the user see the change).
+    struct StreamStages {
+        std::function<void()> aiStepStarted;
+        std::function<void()> aiStepEnded;
+    };
+
     // The answer (TEXT and COMPLETION lines each call it once), the HTTP status when there was one, the error.
     using StatusCompletion = std::function<void(std::optional<nlohmann::json> result, std::optional<int> statusCode,
                                                 std::optional<Error> error)>;
@@ -48,9 +55,10 @@ public:
         store::Settings& settings;
         const store::AppConstants& constants;
         HistoryManager& history;
-        MessageCenter& messages;
-        // Optional: owners without overlays (the history view, the Files tab) leave it out.
-        OverlayScreenController* overlay = nullptr;
+        ErrorPresenter& messages;
+        // Owners that show the stages of a streamed answer (the session's overlay) hear of them here; the others
+        // (the history view, the Files tab, the command line) leave it empty.
+        StreamStages stages;
         // The account service; asked for a fresh backend list when the last backend of the chain has failed.
         UserInfoRefresher* accountService = nullptr;
         // Rebuilds the status menu after a cancelled upload.
@@ -132,7 +140,7 @@ private:
     std::chrono::milliseconds requestTimeout_ = kRequestTimeout;
     std::shared_ptr<platform::HttpTask> uploadTask_;
     // Callbacks that outlive the manager find this expired and do nothing.
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
 };
 
 } // namespace sprelio

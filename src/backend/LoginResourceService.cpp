@@ -3,29 +3,20 @@
 #include <algorithm>
 #include <charconv>
 
+#include "base/JsonAccess.h"
 #include "backend/HttpAudioUploadManager.h"
-#include "core/AppState.h"
-#include "core/Digest.h"
-#include "diagnostics/Log.h"
+#include "shared/AppState.h"
+#include "base/Digest.h"
+#include "base/Log.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"
-#include "ui/Messages.h"
+#include "shared/Errors.h"
 
 namespace sprelio {
 
 namespace {
 
 constexpr const char* kRefresh = "LoginResourceService.refreshUserInfo() - ";
-
-// "300.0", "1.5": the shortest text that reads back as the same value, with ".0" for whole numbers.
-std::string doubleText(double value) {
-    char buffer[64];
-    auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, value);
-    if (ec != std::errc()) return std::to_string(value);
-    std::string text(buffer, end);
-    if (text.find_first_of(".eEn") == std::string::npos) text += ".0";
-    return text;
-}
 
 std::string responseText(const std::optional<platform::HttpResponse>& response, const std::string& url) {
     if (!response) return "nil";
@@ -34,20 +25,6 @@ std::string responseText(const std::optional<platform::HttpResponse>& response, 
 }
 
 std::string errorText(const std::optional<Error>& error) { return error ? error->debugDescription() : "nil"; }
-
-std::optional<std::string> stringValue(const nlohmann::json& object, const char* key) {
-    if (!object.is_object()) return std::nullopt;
-    auto it = object.find(key);
-    if (it == object.end() || !it->is_string()) return std::nullopt;
-    return it->get<std::string>();
-}
-
-std::optional<long long> integerValue(const nlohmann::json& object, const char* key) {
-    if (!object.is_object()) return std::nullopt;
-    auto it = object.find(key);
-    if (it == object.end() || !it->is_number_integer()) return std::nullopt;
-    return it->get<long long>();
-}
 
 std::optional<std::vector<std::string>> stringArray(const nlohmann::json& object, const char* key) {
     if (!object.is_object()) return std::nullopt;
@@ -203,22 +180,22 @@ LoginResourceService::LoginResourceService(Dependencies deps) : deps_(std::move(
 }
 
 LoginResourceService::~LoginResourceService() {
-    *alive_ = false;
+    lifetime_.expire();
     for (auto& timer : timers_) timer->invalidate();
 }
 
 void LoginResourceService::scheduleUserInfoRefreshTimer(bool fireNow) {
     auto timer = std::make_shared<RepeatingTimer>(RepeatingTimer{deps_.loop, kUserInfoRefreshInterval, {}, {}, true});
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     timer->handler = [this, alive] {
-        if (auto token = alive.lock(); token && *token) discardableResultRefreshUserInfo();
+        if (alive) discardableResultRefreshUserInfo();
     };
     timer->arm(timer);
     timers_.push_back(timer);
     userInfoRefreshTimer_ = timer;
     if (fireNow) {
         deps_.loop.post([this, alive] {
-            if (auto token = alive.lock(); token && *token) discardableResultRefreshUserInfo();
+            if (alive) discardableResultRefreshUserInfo();
         });
     }
 }
@@ -302,10 +279,10 @@ void LoginResourceService::performRequest(platform::HttpRequest request, int ret
     logInfo("performRequest() - request.timeoutInterval: " + doubleText(static_cast<double>(sent.timeout.count()) / 1000.0));
 
     const std::string url = sent.url;
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.http.send(std::move(sent), [this, alive, request = std::move(request), retries, caller, url,
                                       completion = std::move(completion)](platform::HttpResult result) mutable {
-        if (auto token = alive.lock(); !token || !*token) return;
+        if (!alive) return;
         std::optional<platform::HttpResponse> response;
         std::optional<Error> error;
         if (auto* r = std::get_if<platform::HttpResponse>(&result)) {
@@ -334,7 +311,7 @@ void LoginResourceService::performRequest(platform::HttpRequest request, int ret
         deps_.loop.postAfter(std::chrono::seconds(delay), [this, alive, request = std::move(request), retries, caller,
                                                            delay, error = *error,
                                                            completion = std::move(completion)]() mutable {
-            if (auto token = alive.lock(); !token || !*token) return;
+            if (!alive) return;
             logError("performRequest() - caller: " + caller + " - failed to get data with error -> " +
                      error.debugDescription() + " -> retrying in " + std::to_string(delay) + " second(s) -> (retry " +
                      std::to_string(delay) + "/" + std::to_string(kMaxRetries) + ")");
@@ -393,13 +370,13 @@ void LoginResourceService::refreshUserInfo(const std::string& caller, bool ignor
     }
     logInfo(std::string(kRefresh) + "request.allHTTPHeaderFields: [" + headerNames + "]");
 
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     const std::string requestURL = *url;
     performRequest(std::move(request), kMaxRetries, std::nullopt, "LoginResourceService.refreshUserInfo()",
                    [this, alive, requestURL, completion = std::move(completion)](
                        std::optional<nlohmann::json> dictionary, std::optional<platform::HttpResponse> response,
                        std::optional<Error> error) {
-                       if (auto t = alive.lock(); !t || !*t) return;
+                       if (!alive) return;
                        if (!dictionary) {
                            if (error) {
                                logError(std::string(kRefresh) + "error: " + error->debugDescription());
@@ -501,121 +478,81 @@ void LoginResourceService::showAlert(const Error& error) {
     if (deps_.messages) deps_.messages->showAlertForError(error);
 }
 
+// A record is success and starts the account refresh afresh; anything else is the transport's error, the
+// server's words where the step reads them, or an answer of no known shape.
+template <class Record>
+void LoginResourceService::sendSignInRequest(const std::optional<std::string>& url, const char* method,
+                                             std::optional<std::string> body, const SignInRules& rules,
+                                             LoginCompletion<Record> completion) {
+    if (!url) {
+        if (completion) completion(std::nullopt, std::nullopt, makeError(SPRLocalizedError::invalidUrlError,
+                                                                         deps_.constants.appName()));
+        return;
+    }
+    auto request = makeRequest(method, *url);
+    if (body) request.body = platform::HttpBody::fromBytes(std::move(*body));
+    const std::string requestURL = *url;
+    performRequest(
+        std::move(request), kMaxRetries, std::nullopt, rules.caller,
+        lifetime_.guard([this, rules, requestURL, completion = std::move(completion)](
+                            std::optional<nlohmann::json> dictionary, std::optional<platform::HttpResponse> response,
+                            std::optional<Error> error) {
+            const std::string caller = rules.caller;
+            if (dictionary) {
+                if (auto record = Record::parse(*dictionary)) {
+                    scheduleUserInfoRefreshTimer(false);
+                    if (!rules.recordKeepsError) error.reset();
+                    if (completion) completion(std::move(record), std::move(response), std::move(error));
+                    return;
+                }
+            }
+            if (error) {
+                log(rules.errorLevel, caller + " - error: " + error->debugDescription());
+                if (rules.alertOnError) showAlert(*error);
+                if (completion) completion(std::nullopt, std::move(response), std::move(error));
+                return;
+            }
+            if (dictionary && rules.serverErrorIsError) {
+                auto name = stringValue(*dictionary, "error");
+                auto message = stringValue(*dictionary, "message");
+                if (name && message) {
+                    logInfo(caller + " - error: (" + *name + ", " + *message + ")");
+                    if (completion) {
+                        completion(std::nullopt, std::move(response),
+                                   SPRStringError::errorMessageError(*name, *message).toError());
+                    }
+                    return;
+                }
+            }
+            log(rules.unexpectedAnswerLevel, caller + " - response: " + responseText(response, requestURL));
+            if (completion) completion(std::nullopt, std::move(response), std::nullopt);
+        }));
+}
+
 void LoginResourceService::login(const std::string& email, LoginCompletion<LoginEmailResponse> completion) {
     const auto url = buildURL(url_, "/request",
                               {{"email", email}, {"device_id", deviceId_}, {"os", deps_.constants.osName()},
                                {"info", info()}});
-    if (!url) {
-        if (completion) completion(std::nullopt, std::nullopt, makeError(SPRLocalizedError::invalidUrlError,
-                                                                         deps_.constants.appName()));
-        return;
-    }
-    const std::string requestURL = *url;
-    std::weak_ptr<bool> alive = alive_;
-    performRequest(makeRequest("GET", *url), kMaxRetries, std::nullopt, "login()",
-                   [this, alive, requestURL, completion = std::move(completion)](
-                       std::optional<nlohmann::json> dictionary, std::optional<platform::HttpResponse> response,
-                       std::optional<Error> error) {
-                       if (auto t = alive.lock(); !t || !*t) return;
-                       if (dictionary) {
-                           if (auto record = LoginEmailResponse::parse(*dictionary)) {
-                               scheduleUserInfoRefreshTimer(false);
-                               if (completion) completion(std::move(record), std::move(response), std::nullopt);
-                               return;
-                           }
-                       }
-                       if (error) {
-                           logError("login() - error: " + error->debugDescription());
-                           showAlert(*error);
-                           if (completion) completion(std::nullopt, std::move(response), std::move(error));
-                           return;
-                       }
-                       logWarning("login() - response: " + responseText(response, requestURL));
-                       if (completion) completion(std::nullopt, std::move(response), std::nullopt);
-                   });
+    sendSignInRequest(url, "GET", std::nullopt, {"login()", LogLevel::error, true, LogLevel::warning, false, false},
+                      std::move(completion));
 }
 
 void LoginResourceService::checkLoginViaLink(const std::string& uuid,
                                              LoginCompletion<LoginConfirmResponse> completion) {
-    const auto url = buildURL(url_, "/request/wait", {{"uuid", uuid}});
-    if (!url) {
-        if (completion) completion(std::nullopt, std::nullopt, makeError(SPRLocalizedError::invalidUrlError,
-                                                                         deps_.constants.appName()));
-        return;
-    }
-    const std::string requestURL = *url;
-    std::weak_ptr<bool> alive = alive_;
-    performRequest(makeRequest("GET", *url), kMaxRetries, std::nullopt, "checkLoginViaLink()",
-                   [this, alive, requestURL, completion = std::move(completion)](
-                       std::optional<nlohmann::json> dictionary, std::optional<platform::HttpResponse> response,
-                       std::optional<Error> error) {
-                       if (auto t = alive.lock(); !t || !*t) return;
-                       if (dictionary) {
-                           if (auto record = LoginConfirmResponse::parse(*dictionary)) {
-                               scheduleUserInfoRefreshTimer(false);
-                               if (completion) completion(std::move(record), std::move(response), std::move(error));
-                               return;
-                           }
-                       }
-                       if (error) {
-                           // No alert: the poller decides what a failed wait means.
-                           logInfo("checkLoginViaLink() - error: " + error->debugDescription());
-                           if (completion) completion(std::nullopt, std::move(response), std::move(error));
-                           return;
-                       }
-                       logError("checkLoginViaLink() - response: " + responseText(response, requestURL));
-                       if (completion) completion(std::nullopt, std::move(response), std::nullopt);
-                   });
+    // No alert on an error: the poller decides what a failed wait means.
+    sendSignInRequest(buildURL(url_, "/request/wait", {{"uuid", uuid}}), "GET", std::nullopt,
+                      {"checkLoginViaLink()", LogLevel::info, false, LogLevel::error, false, true},
+                      std::move(completion));
 }
 
 void LoginResourceService::loginViaCode(const std::string& uuid, const std::string& code,
                                         LoginCompletion<LoginConfirmResponse> completion) {
-    const auto url = buildURL(url_, "/request/code", {});
-    if (!url) {
-        if (completion) completion(std::nullopt, std::nullopt, makeError(SPRLocalizedError::invalidUrlError,
-                                                                         deps_.constants.appName()));
-        return;
-    }
-    auto request = makeRequest("POST", *url);
     nlohmann::ordered_json body;
     body["uuid"] = uuid;
     body["code"] = code;
-    request.body = platform::HttpBody::fromBytes(body.dump());
-    const std::string requestURL = *url;
-    std::weak_ptr<bool> alive = alive_;
-    performRequest(std::move(request), kMaxRetries, std::nullopt, "loginViaCode()",
-                   [this, alive, requestURL, completion = std::move(completion)](
-                       std::optional<nlohmann::json> dictionary, std::optional<platform::HttpResponse> response,
-                       std::optional<Error> error) {
-                       if (auto t = alive.lock(); !t || !*t) return;
-                       if (dictionary) {
-                           if (auto record = LoginConfirmResponse::parse(*dictionary)) {
-                               scheduleUserInfoRefreshTimer(false);
-                               if (completion) completion(std::move(record), std::move(response), std::nullopt);
-                               return;
-                           }
-                       }
-                       if (error) {
-                           logInfo("loginViaCode() - error: " + error->debugDescription());
-                           showAlert(*error);
-                           if (completion) completion(std::nullopt, std::move(response), std::move(error));
-                           return;
-                       }
-                       if (dictionary) {
-                           auto name = stringValue(*dictionary, "error");
-                           auto message = stringValue(*dictionary, "message");
-                           if (name && message) {
-                               logInfo("loginViaCode() - error: (" + *name + ", " + *message + ")");
-                               if (completion) {
-                                   completion(std::nullopt, std::move(response),
-                                              SPRStringError::errorMessageError(*name, *message).toError());
-                               }
-                               return;
-                           }
-                       }
-                       logWarning("loginViaCode() - response: " + responseText(response, requestURL));
-                       if (completion) completion(std::nullopt, std::move(response), std::nullopt);
-                   });
+    sendSignInRequest(buildURL(url_, "/request/code", {}), "POST", body.dump(),
+                      {"loginViaCode()", LogLevel::info, true, LogLevel::warning, true, false},
+                      std::move(completion));
 }
 
 } // namespace sprelio

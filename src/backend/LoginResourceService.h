@@ -10,8 +10,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/LifetimeGuard.h"
+#include "base/LogLevel.h"
 #include "backend/BalancingManager.h"
-#include "core/Error.h"
+#include "base/Error.h"
 #include "platform/Clock.h"
 #include "platform/Http.h"
 #include "platform/MainLoop.h"
@@ -20,7 +22,7 @@
 namespace sprelio {
 
 class AppState;
-class MessageCenter;
+class ErrorPresenter;
 namespace store {
 class AppConstants;
 class Settings;
@@ -97,7 +99,7 @@ public:
         // Receives the backends of each refresh; may be left out by owners that need no transcription.
         BalancingManager* balancing = nullptr;
         // Shows login failures; none: they are only logged.
-        MessageCenter* messages = nullptr;
+        ErrorPresenter* messages = nullptr;
         // The account API without a trailing slash.
         std::string apiBaseURL;
         // Hashed into device_id.
@@ -162,6 +164,21 @@ private:
     std::optional<std::string> buildURL(const std::string& base, const std::string& path,
                                         const std::vector<std::pair<std::string, std::string>>& query) const;
     void showAlert(const Error& error);
+    // How one sign-in step tells what went wrong; the steps differ only in this.
+    struct SignInRules {
+        const char* caller;
+        LogLevel errorLevel;
+        bool alertOnError;
+        LogLevel unexpectedAnswerLevel;
+        // An {"error", "message"} answer becomes the error the caller gets.
+        bool serverErrorIsError;
+        // The transport's error goes along with a record as well.
+        bool recordKeepsError;
+    };
+    template <class Record>
+    void sendSignInRequest(const std::optional<std::string>& url, const char* method,
+                           std::optional<std::string> body, const SignInRules& rules,
+                           LoginCompletion<Record> completion);
 
     Dependencies deps_;
     std::string url_;
@@ -173,7 +190,7 @@ private:
     std::optional<std::chrono::system_clock::time_point> lastUserInfoRefreshDate_;
     std::vector<std::shared_ptr<RepeatingTimer>> timers_;
     std::shared_ptr<RepeatingTimer> userInfoRefreshTimer_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
 };
 
 } // namespace sprelio

@@ -1,5 +1,6 @@
 #include "core/AppDelegate.h"
-#include "core/AppHelpers.h"
+#include "backend/UploadAnswer.h"
+#include "shared/InputLanguages.h"
 
 #include <charconv>
 #include <cmath>
@@ -13,14 +14,14 @@
 #include "audio/RecordingAudio.h"
 #include "audio/RecordingPathHelper.h"
 #include "backend/AudioUploadManager.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/AppConstants.h"
 #include "store/Entities.h"
 #include "store/Settings.h"
 #include "text/AccesibilityController.h"
 #include "text/SubstitutionHelpers.h"
-#include "ui/Messages.h"
-#include "ui/ResultsWindow.h"
+#include "shared/Errors.h"
+#include "ai/ResultsWindow.h"
 
 namespace sprelio {
 
@@ -65,21 +66,13 @@ std::size_t characterCount(const std::string& text) {
     return U_SUCCESS(status) ? count : text.size();
 }
 
-// A key of the backend's answer counts only when its value is a string.
-std::optional<std::string> stringValue(const std::optional<nlohmann::json>& result, const char* key) {
-    if (!result || !result->is_object()) return std::nullopt;
-    auto it = result->find(key);
-    if (it == result->end() || !it->is_string()) return std::nullopt;
-    return it->get<std::string>();
-}
-
 } // namespace
 
 AppDelegate::AppDelegate(AppDelegateDependencies dependencies)
     : deps_(std::move(dependencies)), platform_(deps_.platform) {}
 
 AppDelegate::~AppDelegate() {
-    *alive_ = false;
+    lifetime_.expire();
     if (recordingDurationTimer_) recordingDurationTimer_->invalidate();
 }
 
@@ -87,14 +80,7 @@ void AppDelegate::updateCachedUserShortcuts() {
     if (deps_.updateCachedUserShortcuts) deps_.updateCachedUserShortcuts();
 }
 
-void AppDelegate::post(std::function<void()> task) {
-    std::weak_ptr<bool> alive = alive_;
-    platform_.loop.post([alive, task = std::move(task)]() {
-        auto token = alive.lock();
-        if (!token || !*token) return;
-        task();
-    });
-}
+void AppDelegate::post(std::function<void()> task) { platform_.loop.post(lifetime_.guard(std::move(task))); }
 
 std::string AppDelegate::dateText() const {
     const auto now = std::chrono::system_clock::to_time_t(
@@ -238,28 +224,31 @@ void AppDelegate::startRecording(const Uuid& requestID, std::shared_ptr<const St
         logError("startRecording() - requestID " + id + " - error: recordAudio is nil");
         return;
     }
-    const auto startDate = platform_.clock.now();
-    std::weak_ptr<bool> alive = alive_;
+    Dictation dictation;
+    dictation.requestID = requestID;
+    dictation.file = path;
+    dictation.startDate = platform_.clock.now();
+    const auto alive = lifetime_.token();
     platform::MainLoop& loop = platform_.loop;
     platform::Clock& clock = platform_.clock;
     recordAudio_->setOnRecordingCompletion(
-        [this, alive, &loop, &clock, requestID, startDate](const std::filesystem::path& url, bool success) {
+        [this, alive, &loop, &clock, dictation](const std::filesystem::path& url, bool success) {
             // The end is taken where the recorder reports it; the decision runs on the main loop, where the
             // cancel mark and the rest of the session state live.
             const auto endDate = clock.now();
-            loop.post([this, alive, url, success, requestID, startDate, endDate]() {
-                auto token = alive.lock();
-                if (!token || !*token) return;
-                recordingCompleted(url, success, requestID, startDate, endDate);
+            Dictation recorded = dictation;
+            recorded.file = url;
+            loop.post([this, alive, recorded = std::move(recorded), success, endDate]() {
+                if (!alive) return;
+                recordingCompleted(recorded, success, endDate);
             });
         });
     recordAudio_->record(requestID, std::move(stopwatch));
 }
 
-void AppDelegate::recordingCompleted(const std::filesystem::path& url, bool success, const Uuid& requestID,
-                                     std::chrono::system_clock::time_point startDate,
-                                     std::chrono::system_clock::time_point endDate) {
-    const std::string id = requestID.string();
+void AppDelegate::recordingCompleted(Dictation dictation, bool success, std::chrono::system_clock::time_point endDate) {
+    const std::string id = dictation.requestID.string();
+    const auto& url = dictation.file;
     logInfo("startRecording() - requestID " + id + " - recording completed with status " + boolText(success) +
             " - url: " + urlText(url));
     if (discardCurrentRecording_) {
@@ -268,7 +257,7 @@ void AppDelegate::recordingCompleted(const std::filesystem::path& url, bool succ
         setupMenuWithMainMenu();
         return;
     }
-    const double elapsedMs = std::chrono::duration<double>(endDate - startDate).count() * 1000.0;
+    const double elapsedMs = std::chrono::duration<double>(endDate - dictation.startDate).count() * 1000.0;
     const int minimum = deps_.settings.minimumRecordingDuration();
     if (static_cast<double>(minimum) > std::trunc(elapsedMs)) {
         logInfo("startRecording() - requestID " + id + " - recording too short (" + numberText(elapsedMs) +
@@ -276,15 +265,16 @@ void AppDelegate::recordingCompleted(const std::filesystem::path& url, bool succ
         setupMenuWithMainMenu();
         return;
     }
-    if (deps_.appState.lastGloballyCancelledRequestID() == requestID) {
+    if (deps_.appState.lastGloballyCancelledRequestID() == dictation.requestID) {
         const Error cancelled = makeError(SPRLocalizedError::userCancelledRecordingError, deps_.messages.appName());
         logError("startRecording() - error: " +
                  std::string(sprLocalizedErrorName(SPRLocalizedError::userCancelledRecordingError)));
-        postHistory(HistoryManagerLogLevel::error, cancelled.localizedDescription, url, requestID);
+        postHistory(HistoryManagerLogLevel::error, cancelled.localizedDescription, url, dictation.requestID);
         post([this]() { setupMenuWithMainMenu(); });
         return;
     }
-    post([this, url, success, requestID, id]() {
+    post([this, dictation = std::move(dictation), success, id]() mutable {
+        // The shortcut that stopped the dictation decides what its result becomes.
         const auto shortcut = deps_.appState.currentlyActiveUserShortcut();
         if (!shortcut) return;
         const auto raw = shortcut->shortcutActionRawValue();
@@ -292,21 +282,22 @@ void AppDelegate::recordingCompleted(const std::filesystem::path& url, bool succ
         if (!action) return;
         logInfo("startRecording() - requestID " + id + " - shortcut action: " +
                 std::string(shortcutActionRawValue(*action)));
-        handleRecordingCompletion(url, success, requestID, *action, shortcut->intelligenceActionItemIdString());
+        dictation.action = *action;
+        dictation.itemId = shortcut->intelligenceActionItemIdString();
+        handleRecordingCompletion(std::move(dictation), success);
     });
 }
 
-void AppDelegate::handleRecordingCompletion(const std::filesystem::path& url, bool success, const Uuid& requestID,
-                                            ShortcutAction action, std::optional<std::string> itemId) {
-    const std::string id = requestID.string();
+void AppDelegate::handleRecordingCompletion(Dictation dictation, bool success) {
+    const std::string id = dictation.requestID.string();
     const auto& appState = deps_.appState;
     const auto& active = appState.currentlyActiveUserShortcut();
     const auto& menuShortcut = appState.floatingButtonMenuShortcut();
     const auto menuActionRaw = menuShortcut ? menuShortcut->shortcutActionRawValue() : std::nullopt;
     const auto menuItemId = menuShortcut ? menuShortcut->intelligenceActionItemIdString() : std::nullopt;
 
-    logInfo("AppDelegate.handleRecordingCompletion() - requestID: " + id + " - recording completed: " + urlText(url) +
-            ", status: " + boolText(success));
+    logInfo("AppDelegate.handleRecordingCompletion() - requestID: " + id +
+            " - recording completed: " + urlText(dictation.file) + ", status: " + boolText(success));
     logInfo("AppDelegate.handleRecordingCompletion() - currentlyActiveUserShortcut: " + describeUserShortcut(active));
     logInfo("AppDelegate.handleRecordingCompletion() - floatingButtonMenuShortcutAction    : " +
             optionalText(menuActionRaw));
@@ -314,74 +305,70 @@ void AppDelegate::handleRecordingCompletion(const std::filesystem::path& url, bo
             optionalText(menuItemId));
 
     // A choice in the floating button's menu outranks the shortcut that started the dictation.
-    const auto menuAction = menuActionRaw ? shortcutActionFromRawValue(*menuActionRaw) : std::nullopt;
-    const ShortcutAction effectiveAction = menuAction ? *menuAction : action;
-    const std::optional<std::string> effectiveItemId = menuItemId ? menuItemId : itemId;
+    if (const auto menuAction = menuActionRaw ? shortcutActionFromRawValue(*menuActionRaw) : std::nullopt) {
+        dictation.action = *menuAction;
+    }
+    if (menuItemId) dictation.itemId = menuItemId;
 
-    std::optional<AICompletionPromptId> prompt;
-    if (effectiveItemId) prompt = deps_.intelligenceViewModel.promptIdForItemWithId(*effectiveItemId);
-    const bool diarization = shortcutActionRawValue(effectiveAction) == "voiceToDialog";
-
+    if (dictation.itemId) dictation.prompt = deps_.intelligenceViewModel.promptIdForItemWithId(*dictation.itemId);
+    dictation.diarization = shortcutActionRawValue(dictation.action) == "voiceToDialog";
     // The language always belongs to the shortcut pressed, even when the menu chose the action.
-    const auto languages = chooseInputLanguages(active ? active->inputLanguageCode() : std::nullopt, deps_.settings);
-    const std::optional<std::string> inputLanguageCode = languages.inputLanguageCode;
-    const std::vector<std::string> inputLanguageCodes = languages.codes;
+    dictation.languages =
+        chooseInputLanguages(active ? active->inputLanguageCode() : std::nullopt, deps_.settings);
+    const auto& inputLanguageCode = dictation.languages.inputLanguageCode;
 
     logInfo("AppDelegate.handleRecordingCompletion() - requestID: " + id +
-            " - action: " + std::string(shortcutActionRawValue(effectiveAction)) +
-            " - promptId: " + (prompt ? prompt->promptId : std::string("nil")) + ", diarization: " +
-            boolText(diarization) + ", inputLanguageCode: " + optionalText(inputLanguageCode));
+            " - action: " + std::string(shortcutActionRawValue(dictation.action)) +
+            " - promptId: " + (dictation.prompt ? dictation.prompt->promptId : std::string("nil")) +
+            ", diarization: " + boolText(dictation.diarization) +
+            ", inputLanguageCode: " + optionalText(inputLanguageCode));
     logInfo("AudioUploadManager.uploadRecording() - requestID: " + id +
             ", inputLanguageCode: " + optionalText(inputLanguageCode));
 
-    post([this, url, requestID, effectiveAction, effectiveItemId, prompt, diarization, inputLanguageCode,
-          inputLanguageCodes]() {
-        std::weak_ptr<bool> alive = alive_;
+    post([this, dictation = std::move(dictation)]() {
+        const auto alive = lifetime_.token();
         deps_.uploadManager.uploadRecording(
-            url, requestID, inputLanguageCodes, prompt, diarization, inputLanguageCode,
-            [this, alive, url, requestID, effectiveAction, effectiveItemId](std::optional<nlohmann::json> result,
-                                                                            std::optional<Error> error) {
-                auto token = alive.lock();
-                if (!token || !*token) return;
-                evaluateUploadResult(result, error, url, requestID, effectiveAction, effectiveItemId);
+            dictation.file, dictation.requestID, dictation.languages.codes, dictation.prompt, dictation.diarization,
+            dictation.languages.inputLanguageCode,
+            [this, alive, dictation](std::optional<nlohmann::json> result, std::optional<Error> error) {
+                if (!alive) return;
+                evaluateUploadResult(result, error, dictation);
             });
     });
 }
 
 void AppDelegate::evaluateUploadResult(const std::optional<nlohmann::json>& result, const std::optional<Error>& error,
-                                       const std::filesystem::path& url, const Uuid& requestID, ShortcutAction action,
-                                       const std::optional<std::string>& itemId) {
+                                       const Dictation& dictation) {
+    const auto& url = dictation.file;
+    const auto& requestID = dictation.requestID;
     logInfo("AppDelegate.handleRecordingCompletion() - result: " + std::string(kPrivatized));
 
-    const auto text = stringValue(result, "text");
-    const auto language = stringValue(result, "language");
-    if (text && language) {
-        deps_.settings.setLastDetectedLanguageCode(*language);
+    const UploadAnswer answer = readUploadAnswer(result, error);
+    switch (answer.kind) {
+    case UploadAnswer::Kind::transcript:
+        deps_.settings.setLastDetectedLanguageCode(*answer.language);
         logInfo("AppDelegate.handleRecordingCompletion() - generatedText: " + std::string(kPrivatized) +
-                " - detectedLanguage: " + *language);
-        postHistory(HistoryManagerLogLevel::success, *text, url, requestID);
-        deliverTranscription(*text, action, itemId);
+                " - detectedLanguage: " + *answer.language);
+        postHistory(HistoryManagerLogLevel::success, answer.text, url, requestID);
+        deliverTranscription(answer.text, dictation);
         return;
-    }
-    if (const auto completion = stringValue(result, "completion")) {
+    case UploadAnswer::Kind::completion:
         logInfo("AppDelegate.handleRecordingCompletion() - completion: " + std::string(kPrivatized));
-        post([this, completion = *completion]() { pasteOrShowCompletion(completion); });
+        post([this, completion = answer.text]() { pasteOrShowCompletion(completion); });
         return;
-    }
-    const auto message = stringValue(result, "message");
-    if (!error && message) {
+    case UploadAnswer::Kind::serverMessage:
         // The session stays where it is: the user sees the server's words and cancels when done.
-        logError("AppDelegate.handleRecordingCompletion() - backend message error: " + *message);
-        postHistory(HistoryManagerLogLevel::error, *message, url, requestID);
-        deps_.messages.showAlertForError(SPRStringError::errorMessageError(std::nullopt, *message).toError());
+        logError("AppDelegate.handleRecordingCompletion() - backend message error: " + answer.text);
+        postHistory(HistoryManagerLogLevel::error, answer.text, url, requestID);
+        deps_.messages.showAlertForError(SPRStringError::errorMessageError(std::nullopt, answer.text).toError());
         return;
-    }
-    if (error) {
-        logError("AppDelegate.handleRecordingCompletion() - error: " + error->debugDescription());
-        postHistory(HistoryManagerLogLevel::error, error->localizedDescription, url, requestID);
-        deps_.messages.showAlertForError(*error);
+    case UploadAnswer::Kind::failure:
+        logError("AppDelegate.handleRecordingCompletion() - error: " + answer.error->debugDescription());
+        postHistory(HistoryManagerLogLevel::error, answer.error->localizedDescription, url, requestID);
+        deps_.messages.showAlertForError(*answer.error);
         post([this]() { setupMenuWithMainMenu(); });
         return;
+    case UploadAnswer::Kind::empty: break;
     }
     logInfo("AppDelegate.handleRecordingCompletion() - result: " +
             (result ? std::string(kPrivatized) : std::string("nil")));
@@ -395,9 +382,9 @@ void AppDelegate::evaluateUploadResult(const std::optional<nlohmann::json>& resu
     post([this]() { setupMenuWithMainMenu(); });
 }
 
-void AppDelegate::deliverTranscription(const std::string& text, ShortcutAction action,
-                                       const std::optional<std::string>& itemId) {
-    switch (action) {
+void AppDelegate::deliverTranscription(const std::string& text, const Dictation& dictation) {
+    const auto& itemId = dictation.itemId;
+    switch (dictation.action) {
     case ShortcutAction::recordAndTranscribe:
     case ShortcutAction::voiceToDialog: performPasting(text); return;
     case ShortcutAction::recordAndTranscribeToFlat: performPasting(flatFormOfText(text)); return;
@@ -493,11 +480,10 @@ void AppDelegate::startRecordingDurationTimer(int minutes) {
     post([this, minutes]() {
         if (recordingDurationTimer_) recordingDurationTimer_->invalidate();
         recordingDurationTimer_.reset();
-        std::weak_ptr<bool> alive = alive_;
+        const auto alive = lifetime_.token();
         recordingDurationTimer_ =
             platform_.loop.schedule(std::chrono::minutes(minutes), [this, alive]() {
-                auto token = alive.lock();
-                if (!token || !*token) return;
+                if (!alive) return;
                 recordingShortcutKeyUpByTimer();
             });
     });
@@ -576,6 +562,16 @@ void AppDelegate::callCancelRecordingAndProcessing() {
 }
 
 // ---- Overlays and focus ----
+
+void AppDelegate::aiStepStarted() {
+    if (!overlayScreenController_) return;
+    overlayScreenController_->clearOverlays();
+    overlayScreenController_->placeOverlay(OverlayType::intelligizing, true);
+}
+
+void AppDelegate::aiStepEnded() {
+    if (overlayScreenController_) overlayScreenController_->clearOverlays();
+}
 
 void AppDelegate::showOverlay(OverlayType overlayType, bool force, OverlayTrigger trigger) {
     logInfo("showOverlay() - Called with overlayType: " + std::string(overlayTypeName(overlayType)) +

@@ -11,15 +11,16 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/AppActivity.h"
-#include "core/AppState.h"
-#include "core/Error.h"
-#include "core/SharedAppDelegate.h"
-#include "core/ShortcutAction.h"
-#include "core/Uuid.h"
+#include "base/LifetimeGuard.h"
+#include "shared/AppActivity.h"
+#include "shared/AppState.h"
+#include "base/Error.h"
+#include "shared/ShortcutAction.h"
+#include "base/Uuid.h"
+#include "core/Dictation.h"
 #include "diagnostics/HistoryManager.h"
 #include "platform/Platform.h"
-#include "ui/OverlayController.h"
+#include "shared/OverlayController.h"
 
 namespace sprelio {
 
@@ -32,7 +33,7 @@ class AccesibilityController;
 class AudioUploadManager;
 class ContinuousSpeechManager;
 class IntelligenceViewModel;
-class MessageCenter;
+class ErrorPresenter;
 class MicrophoneManager;
 class RecordingAudio;
 class RecordingAudioFactory;
@@ -45,7 +46,7 @@ struct AppDelegateDependencies {
     store::Settings& settings;
     AppState& appState;
     AppStateRealtimeMirror& realtimeMirror;
-    MessageCenter& messages;
+    ErrorPresenter& messages;
     RecordingAudioFactory& recordingAudioFactory;
     MicrophoneManager& microphoneManager;
     AudioUploadManager& uploadManager;
@@ -61,7 +62,7 @@ struct AppDelegateDependencies {
     std::function<void()> updateCachedUserShortcuts;
 };
 
-class AppDelegate final : public SharedAppDelegate {
+class AppDelegate final {
 public:
     using UserShortcutPtr = std::shared_ptr<store::UserShortcut>;
     // The closure the shortcut managers call with (start, action, itemId, shortcut).
@@ -69,11 +70,11 @@ public:
         std::function<void(bool start, ShortcutAction action, std::optional<std::string> itemId, UserShortcutPtr)>;
 
     explicit AppDelegate(AppDelegateDependencies dependencies);
-    ~AppDelegate() override;
+    ~AppDelegate();
     AppDelegate(const AppDelegate&) = delete;
     AppDelegate& operator=(const AppDelegate&) = delete;
 
-    void updateCachedUserShortcuts() override;
+    void updateCachedUserShortcuts();
 
     // Set at the end of launch; until then a press is refused because the application is still launching.
     void setOverlayScreenController(OverlayScreenController* controller) { overlayScreenController_ = controller; }
@@ -96,17 +97,17 @@ public:
     void startRecording(const Uuid& requestID, std::shared_ptr<const Stopwatch> stopwatch);
     // The state change after the recorder started; continuous speech uses it with its own state.
     void setupMenuWithRecording(AppActivity state = AppActivity::recording);
-    void handleRecordingCompletion(const std::filesystem::path& url, bool success, const Uuid& requestID,
-                                   ShortcutAction action, std::optional<std::string> itemId);
+    // `dictation` comes with its action and item settled from the stopping shortcut; the floating button's choice
+    // and the languages are added here.
+    void handleRecordingCompletion(Dictation dictation, bool success);
     // The evaluation of an upload's answer; may be called from any thread.
     void evaluateUploadResult(const std::optional<nlohmann::json>& result, const std::optional<Error>& error,
-                              const std::filesystem::path& url, const Uuid& requestID, ShortcutAction action,
-                              const std::optional<std::string>& itemId);
+                              const Dictation& dictation);
     // May be called from any thread; off the main loop the whole step is posted.
     void performPasting(std::string text);
     void setupMenuWithTranslation();
     // The one way back to idle.
-    void setupMenuWithMainMenu() override;
+    void setupMenuWithMainMenu();
     void cancelRecordingAndProcessing();
     void callCancelRecordingAndProcessing();
 
@@ -116,6 +117,10 @@ public:
     enum class OverlayTrigger { session, wake, screenChange };
     void showOverlay(OverlayType overlayType, bool force = false, OverlayTrigger trigger = OverlayTrigger::session);
     void removeOverlay(bool force, bool preserveAppFocus);
+    // The stages of a streamed answer: while the server's AI step runs the intelligizing overlay stands where the
+    // transcribing one stood; when it is over the overlay goes. Focus is not touched: the dictation is not over.
+    void aiStepStarted();
+    void aiStepEnded();
     void capturePreviouslyActiveAppIfNeeded();
     void restoreFocusToPreviouslyActiveApp();
 
@@ -137,10 +142,8 @@ private:
     void post(std::function<void()> task);
     void keyDownMainStep1(const Uuid& requestID);
     void keyDownMainStep2(const Uuid& requestID, std::shared_ptr<const Stopwatch> stopwatch);
-    void recordingCompleted(const std::filesystem::path& url, bool success, const Uuid& requestID,
-                            std::chrono::system_clock::time_point startDate,
-                            std::chrono::system_clock::time_point endDate);
-    void deliverTranscription(const std::string& text, ShortcutAction action, const std::optional<std::string>& itemId);
+    void recordingCompleted(Dictation dictation, bool success, std::chrono::system_clock::time_point endDate);
+    void deliverTranscription(const std::string& text, const Dictation& dictation);
     void pasteOrShowCompletion(const std::string& completion);
     void logRecordingDurationTimerStopped(const std::string& caller, const std::string& reason);
     void postHistory(HistoryManagerLogLevel level, std::string message, std::optional<std::filesystem::path> url, const Uuid& requestID);
@@ -148,7 +151,7 @@ private:
 
     AppDelegateDependencies deps_;
     platform::Platform& platform_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
 
     AppActivity appStatus_ = AppActivity::idle;
     std::shared_ptr<RecordingAudio> recordAudio_;

@@ -1,7 +1,7 @@
 #include "core/AppLifecycle.h"
 
 #include "core/AppDelegate.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"
 
@@ -13,14 +13,9 @@ std::string boolText(bool value) { return value ? "true" : "false"; }
 
 AppLifecycle::AppLifecycle(AppLifecycleDependencies dependencies) : deps_(std::move(dependencies)) {}
 
-AppLifecycle::~AppLifecycle() { *alive_ = false; }
+AppLifecycle::~AppLifecycle() { lifetime_.expire(); }
 
-void AppLifecycle::post(std::function<void()> task) {
-    std::weak_ptr<bool> alive = alive_;
-    deps_.loop.post([alive, task = std::move(task)] {
-        if (auto a = alive.lock(); a && *a) task();
-    });
-}
+void AppLifecycle::post(std::function<void()> task) { deps_.loop.post(lifetime_.guard(std::move(task))); }
 
 void AppLifecycle::initialize() {
     logInfo("AppDelegate.init() – initializing '" + deps_.constants.bundleIdentifier() + "'");
@@ -40,7 +35,7 @@ void AppLifecycle::initialize() {
 }
 
 void AppLifecycle::applicationDidFinishLaunching() {
-    setSharedAppDelegate(&deps_.appDelegate);
+    call(deps_.connectStoreSaves);
     call(deps_.setupKeyboardShortcutManager);
     call(deps_.setupMouseShortcutManager);
     // There is no application main menu to prune on this platform.
@@ -87,9 +82,9 @@ void AppLifecycle::handleSystemWake(const std::string& name) {
         else
             call(deps_.createOverlayScreenController);
         if (deps_.settings.floatingButtonActivation() && deps_.appDelegate.appStatus() == AppActivity::idle) {
-            std::weak_ptr<bool> alive = alive_;
+            const auto alive = lifetime_.token();
             deps_.loop.postAfter(std::chrono::milliseconds(200), [this, alive] {
-                if (auto a = alive.lock(); a && *a)
+                if (alive)
                     deps_.appDelegate.showOverlay(OverlayType::button, true, AppDelegate::OverlayTrigger::wake);
             });
         }

@@ -6,7 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "core/AppState.h"
+#include "base/LifetimeGuard.h"
+#include "shared/AppState.h"
 #include "platform/MainLoop.h"
 #include "platform/Screens.h"
 
@@ -61,6 +62,8 @@ struct AppLifecycleDependencies {
     std::function<void()> startObservers;                // screens and wake; their handlers call the ones below
     std::function<void()> startPowerSourceMonitor;
     std::function<void()> terminate;
+    // Hands the store the step that follows every save (the event path's copy of the shortcuts).
+    std::function<void()> connectStoreSaves;
 };
 
 class AppLifecycle {
@@ -89,7 +92,7 @@ private:
     }
 
     AppLifecycleDependencies deps_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
     bool launched_ = false;
     bool appFinishedLaunching_ = true;
     bool userPressedQuit_ = false;

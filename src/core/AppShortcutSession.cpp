@@ -3,18 +3,19 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "backend/UploadAnswer.h"
 #include "ai/IntelligenceViewModel.h"
 #include "audio/ContinuousSpeechManager.h"
 #include "backend/AudioUploadManager.h"
 #include "core/AppDelegate.h"
-#include "core/AppHelpers.h"
-#include "core/AppState.h"
+#include "shared/InputLanguages.h"
+#include "shared/AppState.h"
 #include "diagnostics/HistoryManager.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/AppConstants.h"
 #include "store/Entities.h"
 #include "store/ManagedObjectContext.h"
-#include "ui/Messages.h"
+#include "shared/Errors.h"
 
 namespace sprelio {
 
@@ -27,14 +28,9 @@ std::string errorText(const Error& error) { return error.localizedDescription; }
 
 AppShortcutSession::AppShortcutSession(AppShortcutSessionDependencies dependencies) : deps_(std::move(dependencies)) {}
 
-AppShortcutSession::~AppShortcutSession() { *alive_ = false; }
+AppShortcutSession::~AppShortcutSession() { lifetime_.expire(); }
 
-void AppShortcutSession::post(std::function<void()> task) {
-    std::weak_ptr<bool> alive = alive_;
-    deps_.loop.post([alive, task = std::move(task)] {
-        if (auto a = alive.lock(); a && *a) task();
-    });
-}
+void AppShortcutSession::post(std::function<void()> task) { deps_.loop.post(lifetime_.guard(std::move(task))); }
 
 std::optional<AppActivity> AppShortcutSession::appStatus() const {
     AppDelegate* delegate = deps_.appDelegate ? deps_.appDelegate() : nullptr;
@@ -71,13 +67,6 @@ void AppShortcutSession::copyTextAndAskAI(const UserShortcutPtr& shortcut) {
     post([this, shortcut] { copyTextAndAskAIMain(shortcut); });
 }
 
-ClipboardAccess::TextCompletion AppShortcutSession::guarded(ClipboardAccess::TextCompletion completion) {
-    std::weak_ptr<bool> alive = alive_;
-    return [alive, completion = std::move(completion)](std::optional<std::string> text) {
-        if (auto token = alive.lock(); token && *token) completion(std::move(text));
-    };
-}
-
 void AppShortcutSession::copyTextAndAskAIMain(const UserShortcutPtr& shortcut) {
     const auto withSelection = [this, shortcut](std::optional<std::string> clipboardText) {
         logInfo(".copyTextAndAskAI{} - clipboardText: " + std::string(kPrivatized));
@@ -97,13 +86,17 @@ void AppShortcutSession::copyTextAndAskAIMain(const UserShortcutPtr& shortcut) {
                 copyTextAndAskAIWithTexts(shortcut, clipboardText, selectedText);
                 return;
             }
-            if (deps_.clipboard.getStringWithCommandC) deps_.clipboard.getStringWithCommandC(guarded(fromCommandC));
-            else fromCommandC(std::nullopt);
+            if (deps_.clipboard.getStringWithCommandC)
+                deps_.clipboard.getStringWithCommandC(lifetime_.guard(fromCommandC));
+            else
+                fromCommandC(std::nullopt);
         };
-        if (clipboard.getSelectedTextFromFrontmostApp) clipboard.getSelectedTextFromFrontmostApp(guarded(fromSelection));
-        else fromSelection(std::nullopt);
+        if (clipboard.getSelectedTextFromFrontmostApp)
+            clipboard.getSelectedTextFromFrontmostApp(lifetime_.guard(fromSelection));
+        else
+            fromSelection(std::nullopt);
     };
-    if (deps_.clipboard.getString) deps_.clipboard.getString(guarded(withSelection));
+    if (deps_.clipboard.getString) deps_.clipboard.getString(lifetime_.guard(withSelection));
     else withSelection(std::nullopt);
 }
 
@@ -160,17 +153,17 @@ void AppShortcutSession::transcribeLastMain(const UserShortcutPtr& shortcut) {
         uploads_.push_back(upload);
         logInfo("AudioUploadManager.uploadRecording() - requestID: " + id.string() +
                 ", inputLanguageCode: " + languages.inputLanguageCode.value_or("nil"));
-        std::weak_ptr<bool> alive = alive_;
+        const auto alive = lifetime_.token();
         std::weak_ptr<AudioUploadManager> weakUpload = upload;
         upload->uploadRecording(
             path, id, languages.codes, std::nullopt, false, languages.inputLanguageCode,
             [this, alive, weakUpload, path](std::optional<nlohmann::json> result, std::optional<Error> error) {
                 deps_.loop.post([this, alive, weakUpload, path, result = std::move(result),
                                  error = std::move(error)] {
-                    if (auto a = alive.lock(); !a || !*a) return;
+                    if (!alive) return;
                     if (auto done = weakUpload.lock()) std::erase(uploads_, done);
-                    if (result && result->is_object() && result->contains("text") && (*result)["text"].is_string()) {
-                        const std::string text = (*result)["text"].get<std::string>();
+                    if (const auto answered = readUploadAnswer(result, error).anyText) {
+                        const std::string text = *answered;
                         logInfo("ShortcutAction.transcribeLast - generatedText: " + std::string(kPrivatized));
                         post([this, text, path] {
                             deps_.historyManager.log(HistoryManagerLogLevel::success, text, path, Uuid::random(),

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "base/LifetimeGuard.h"
 #include "input/ShortcutActionDispatcher.h"
 #include "platform/MainLoop.h"
 
@@ -22,7 +23,7 @@ class AudioUploadManager;
 class ContinuousSpeechManager;
 class HistoryManager;
 class IntelligenceViewModel;
-class MessageCenter;
+class ErrorPresenter;
 
 // The clipboard as the copy action needs it; the text-delivery layer provides it. Reading takes round trips to
 // other applications, so the answers come back through completions on the main loop.
@@ -40,7 +41,7 @@ struct AppShortcutSessionDependencies {
     store::Settings& settings;
     // The history is read from here by the conversion of the last recording.
     store::ManagedObjectContext& viewContext;
-    MessageCenter& messages;
+    ErrorPresenter& messages;
     IntelligenceViewModel& intelligenceViewModel;
     ContinuousSpeechManager& continuousSpeechManager;
     HistoryManager& historyManager;
@@ -75,13 +76,11 @@ private:
     void copyTextAndAskAIMain(const UserShortcutPtr& shortcut);
     void copyTextAndAskAIWithTexts(const UserShortcutPtr& shortcut, const std::optional<std::string>& clipboardText,
                                    const std::optional<std::string>& selectedText);
-    // A completion that is dropped when this object is gone by the time it is called.
-    ClipboardAccess::TextCompletion guarded(ClipboardAccess::TextCompletion completion);
     void transcribeLastMain(const UserShortcutPtr& shortcut);
     void post(std::function<void()> task);
 
     AppShortcutSessionDependencies deps_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
     // The clients of conversions still running; each removes itself when its answer is in.
     std::vector<std::shared_ptr<AudioUploadManager>> uploads_;
 };

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/Uuid.h"
+#include "base/Uuid.h"
 
 namespace sprelio {
 

@@ -5,8 +5,8 @@
 #include <cstdio>
 
 #include "audio/AudioFileDuration.h"
-#include "core/AppHelpers.h"
-#include "diagnostics/Log.h"
+#include "store/DatabaseHelpers.h"
+#include "base/Log.h"
 #include "store/AppConstants.h"
 #include "store/Entities.h"
 #include "store/ManagedObjectContext.h"

@@ -1,3 +1,4 @@
+#include "base/Utf8.h"
 #include "diagnostics/LogManager.h"
 
 #include <fcntl.h>
@@ -28,43 +29,6 @@ std::string describe(const std::string& what, const fs::path& path, const std::e
 
 std::string describeErrno(const std::string& what, const fs::path& path, int error) {
     return describe(what, path, std::error_code(error, std::generic_category()));
-}
-
-// Length of the valid UTF-8 sequence at `s[i]`, or 0 when the bytes there are not one.
-std::size_t utf8SequenceLength(std::string_view s, std::size_t i) {
-    const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(s[k]); };
-    const unsigned char c = byte(i);
-    if (c < 0x80) return 1;
-    std::size_t len;
-    unsigned char lo = 0x80, hi = 0xBF;
-    if (c >= 0xC2 && c <= 0xDF) {
-        len = 2;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-        len = 3;
-        if (c == 0xE0) lo = 0xA0;
-        if (c == 0xED) hi = 0x9F; // no surrogates
-    } else if (c >= 0xF0 && c <= 0xF4) {
-        len = 4;
-        if (c == 0xF0) lo = 0x90;
-        if (c == 0xF4) hi = 0x8F;
-    } else {
-        return 0;
-    }
-    if (i + len > s.size()) return 0;
-    if (byte(i + 1) < lo || byte(i + 1) > hi) return 0;
-    for (std::size_t k = 2; k < len; ++k) {
-        if ((byte(i + k) & 0xC0) != 0x80) return 0;
-    }
-    return len;
-}
-
-bool isValidUtf8(std::string_view s) {
-    for (std::size_t i = 0; i < s.size();) {
-        const std::size_t len = utf8SequenceLength(s, i);
-        if (len == 0) return false;
-        i += len;
-    }
-    return true;
 }
 
 // The file must stay readable as UTF-8, so bytes that are not UTF-8 become U+FFFD.

@@ -14,8 +14,8 @@
 #include <string>
 #include <thread>
 
-#include "diagnostics/Log.h"
-#include "diagnostics/LogLevel.h"
+#include "base/Log.h"
+#include "base/LogLevel.h"
 #include "platform/Clock.h"
 #include "platform/SystemLog.h"
 

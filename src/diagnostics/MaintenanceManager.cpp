@@ -4,8 +4,8 @@
 #include <system_error>
 #include <vector>
 
-#include "core/AppHelpers.h"
-#include "diagnostics/Log.h"
+#include "store/DatabaseHelpers.h"
+#include "base/Log.h"
 #include "store/AppConstants.h"
 #include "store/Entities.h"
 #include "store/ManagedObjectContext.h"

@@ -2,9 +2,9 @@
 
 #include <sstream>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/Clock.h"
-#include "ui/Messages.h"
+#include "shared/Errors.h"
 
 namespace sprelio {
 
@@ -103,7 +103,7 @@ void UsabilityManager::changed() {
 
 std::optional<std::string> checkForIncompatibilities(const std::optional<std::set<std::uint16_t>>& keysSet,
                                                      bool rightAltIsAltGr, const std::string& layoutName,
-                                                     MessageCenter* messages) {
+                                                     ErrorPresenter* messages) {
     if (!rightAltIsAltGr) return std::nullopt;
     logWarning("checkForIncompatibilities() - hit: the keyboard layout " + layoutName +
                " has AltGr on the right Alt key");

@@ -16,7 +16,7 @@ namespace sprelio {
 namespace platform {
 class Clock;
 }
-class MessageCenter;
+class ErrorPresenter;
 
 enum class UsabilityWarning { microphone, accessibility, screenCapture };
 std::string usabilityWarningTitle(UsabilityWarning warning);
@@ -67,6 +67,6 @@ private:
 // nothing when the key is not bound or the layout has no AltGr on it.
 std::optional<std::string> checkForIncompatibilities(const std::optional<std::set<std::uint16_t>>& keysSet,
                                                      bool rightAltIsAltGr, const std::string& layoutName,
-                                                     MessageCenter* messages);
+                                                     ErrorPresenter* messages);
 
 } // namespace sprelio

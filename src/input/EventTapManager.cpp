@@ -3,8 +3,8 @@
 #include <map>
 #include <vector>
 
-#include "diagnostics/Log.h"
-#include "text/TextCase.h"
+#include "base/Log.h"
+#include "base/TextCase.h"
 
 namespace sprelio {
 
@@ -64,9 +64,9 @@ bool shouldHandleAsGlobal(const platform::Workspace& workspace, const AppStateRe
 }
 
 EventTapManager::EventTapManager(EventTapManagerDependencies dependencies) : deps_(std::move(dependencies)) {
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.keyboardShortcutManager.keysSetDidChange = [this, alive](const std::set<std::uint16_t>&) {
-        if (!alive.expired() && isEventTapRegistered_) syncGrabs();
+        if (alive && isEventTapRegistered_) syncGrabs();
     };
 }
 
@@ -90,9 +90,9 @@ void EventTapManager::registerEventTap(bool userTriggered) {
         if (!userTriggered) {
             logWarning("EventTapManager.registerEventTap() - Accessibility warning is active, skipping event tap "
                        "registration");
-            std::weak_ptr<bool> alive = alive_;
+            const auto alive = lifetime_.token();
             deps_.loop.postAfter(kAccessibilityRetryDelay, [this, alive] {
-                if (alive.expired()) return;
+                if (!alive) return;
                 logInfo("EventTapManager.registerEventTap() - Retrying event tap registration after delay");
                 registerEventTap(false);
             });
@@ -107,9 +107,9 @@ void EventTapManager::registerEventTap(bool userTriggered) {
     }
     if (deps_.input.isAvailable()) {
         isEventTapRegistered_ = true;
-        std::weak_ptr<bool> alive = alive_;
+        const auto alive = lifetime_.token();
         deps_.input.setEventHandler([this, alive](const platform::GlobalInputEvent& event) {
-            return !alive.expired() && eventTapCallback(event);
+            return alive && eventTapCallback(event);
         });
         syncGrabs();
         return;
@@ -118,9 +118,9 @@ void EventTapManager::registerEventTap(bool userTriggered) {
     const bool granted = deps_.accessibilityGranted ? deps_.accessibilityGranted() : deps_.input.isAvailable();
     if (granted) {
         logCritical("EventTapManager.eventTap{} - registerEventTap() - Unable to create CGEventTap! (CRITICAL)");
-        std::weak_ptr<bool> alive = alive_;
+        const auto alive = lifetime_.token();
         deps_.loop.post([this, alive] {
-            if (!alive.expired() && deps_.checkUsability) deps_.checkUsability();
+            if (alive && deps_.checkUsability) deps_.checkUsability();
         });
     } else {
         logWarning("EventTapManager.eventTap{} - registerEventTap() - Unable to create CGEventTap! (WARNING)");
@@ -197,9 +197,9 @@ bool EventTapManager::eventTapCallback(const platform::GlobalInputEvent& event) 
     }
     if (event.type == type::kTapDisabledByTimeout) {
         logError("EventTapManager.eventTapCallback() - ERROR: tapDisabledByTimeout, restarting CGEventTap...");
-        std::weak_ptr<bool> alive = alive_;
+        const auto alive = lifetime_.token();
         deps_.loop.postAfter(kTimeoutRestartDelay, [this, alive] {
-            if (alive.expired()) return;
+            if (!alive) return;
             isEventTapRegistered_ = false;
             registerEventTap(false);
         });
@@ -241,9 +241,9 @@ bool EventTapManager::shouldSwallowKeyEvent(const platform::GlobalInputEvent& ev
         if (event.type == type::kFlagsChanged) {
             // A key within the delay cancels this: the modifier was part of a combination. The modifier event
             // itself always goes on.
-            std::weak_ptr<bool> alive = alive_;
+            const auto alive = lifetime_.token();
             modifierOnlyHotkeyTimer_ = deps_.loop.schedule(kModifierDecisionDelay, [this, alive] {
-                if (alive.expired() || !currentEvent_) return;
+                if (!alive || !currentEvent_) return;
                 deps_.keyboardShortcutManager.handleGlobalKeyPressed(*currentEvent_);
             });
             return false;
@@ -321,9 +321,9 @@ void EventTapManager::setIsRecording(bool recording) {
 }
 
 void EventTapManager::playBasso() {
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.loop.post([this, alive] {
-        if (!alive.expired()) deps_.sounds.play("Basso");
+        if (alive) deps_.sounds.play("Basso");
     });
 }
 

@@ -13,7 +13,8 @@
 #include <set>
 #include <string>
 
-#include "core/AppState.h"
+#include "base/LifetimeGuard.h"
+#include "shared/AppState.h"
 #include "input/Key.h"
 #include "input/KeyboardShortcutManager.h"
 #include "input/MouseShortcutManager.h"
@@ -84,7 +85,7 @@ private:
     void playBasso();
 
     EventTapManagerDependencies deps_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
     bool isEventTapRegistered_ = false;
     bool isRecording_ = false;
     std::optional<platform::GlobalInputEvent> currentEvent_;

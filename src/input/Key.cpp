@@ -2,7 +2,7 @@
 
 #include <regex>
 
-#include "text/TextCase.h"
+#include "base/TextCase.h"
 
 namespace sprelio {
 

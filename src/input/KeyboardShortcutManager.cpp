@@ -4,10 +4,9 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "core/AppHelpers.h"
-#include "diagnostics/Log.h"
-#include "core/Digest.h"
 #include "store/DatabaseHelpers.h"
+#include "base/Log.h"
+#include "base/Digest.h"
 #include "store/Entities.h"
 #include "store/ManagedObjectContext.h"
 #include "store/Settings.h"
@@ -93,10 +92,10 @@ firstShortcutInListOrder(const store::UserShortcutCache::Shortcuts& shortcuts,
 void runShortcutActionTask(platform::MainLoop& loop, AppState& appState, ShortcutActionDispatcher* actions,
                            const std::function<void(const std::string&)>& checkUsability,
                            std::shared_ptr<store::UserShortcut> shortcut, bool isDown, std::string caller,
-                           std::weak_ptr<bool> alive) {
+                           LifetimeGuard::Token alive) {
     loop.post([&loop, &appState, actions, checkUsability, shortcut = std::move(shortcut), isDown,
                caller = std::move(caller), alive = std::move(alive)] {
-        if (alive.expired()) return;
+        if (!alive) return;
         appState.setCurrentlyActiveUserShortcut(shortcut);
         if (!actions)
             logError(caller + " - no action dispatcher, the shortcut does nothing");
@@ -225,13 +224,13 @@ void KeyboardShortcutManager::configureKeyboardShortcuts() {
         const auto uuid = shortcut->uuid();
         if (!uuid) fatal("configureKeyboardShortcuts() - UserShortcut without uuid");
         const std::string name = uuid->string();
-        std::weak_ptr<bool> alive = alive_;
+        const auto alive = lifetime_.token();
         deps_.keyboardShortcuts.onKeyDown(name, [this, alive, raw, shortcut] {
-            if (alive.expired() || !actions_) return;
+            if (!alive || !actions_) return;
             actions_->keyDownAction(shortcut);
         });
         deps_.keyboardShortcuts.onKeyUp(name, [this, alive, raw, shortcut] {
-            if (alive.expired() || !actions_) return;
+            if (!alive || !actions_) return;
             actions_->keyUpAction(shortcut);
         });
     }
@@ -359,7 +358,7 @@ void KeyboardShortcutManager::executeActionForKeyCode(std::uint16_t keyCode, boo
     });
     if (!shortcut) return;
     runShortcutActionTask(deps_.loop, deps_.appState, actions_, deps_.checkUsability, std::move(shortcut), isKeyDown,
-                          "KeyboardShortcutManager.executeActionForKeyCode()", alive_);
+                          "KeyboardShortcutManager.executeActionForKeyCode()", lifetime_.token());
 }
 
 platform::GlobalInputEvent KeyboardShortcutManager::handleLocalKeyPressed(const platform::GlobalInputEvent& event) {

@@ -12,8 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "core/AppState.h"
-#include "core/ShortcutAction.h"
+#include "base/LifetimeGuard.h"
+#include "shared/AppState.h"
+#include "shared/ShortcutAction.h"
 #include "input/Key.h"
 #include "input/KeyCodes.h"
 #include "input/KeyboardShortcuts.h"
@@ -110,7 +111,7 @@ private:
 
     KeyboardShortcutManagerDependencies deps_;
     ShortcutActionDispatcher* actions_ = nullptr;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
 
     bool isSetupComplete_ = false;
     bool isKeyPressed_ = false;
@@ -129,6 +130,6 @@ firstShortcutInListOrder(const store::UserShortcutCache::Shortcuts& shortcuts,
 void runShortcutActionTask(platform::MainLoop& loop, AppState& appState, ShortcutActionDispatcher* actions,
                            const std::function<void(const std::string&)>& checkUsability,
                            std::shared_ptr<store::UserShortcut> shortcut, bool isDown, std::string caller,
-                           std::weak_ptr<bool> alive);
+                           LifetimeGuard::Token alive);
 
 } // namespace sprelio

@@ -1,8 +1,17 @@
 #include "input/KeyboardShortcuts.h"
 
+#include <chrono>
+#include <cstdio>
+#include <set>
+
+#include "base/Uuid.h"
+#include "platform/Clock.h"
+#include "store/Entities.h"
+#include "store/ManagedObjectContext.h"
+
 #include <nlohmann/json.hpp>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "input/Key.h"
 #include "store/Settings.h"
 
@@ -135,6 +144,41 @@ void KeyboardShortcuts::released(const std::string& name) {
     const auto handlers = it->second;
     for (const auto& handler : handlers)
         if (handler) handler();
+}
+
+void cleanupShortcutsByUserDefaults(store::ManagedObjectContext& context, const store::SettingsStore& settings,
+                                    KeyboardShortcuts& keyboardShortcuts, const platform::Clock& clock) {
+    logInfo("cleanupShortcutsByUserDefaults()");
+    const auto started = clock.steadyNow();
+    std::set<std::string> known;
+    try {
+        for (const auto& shortcut : context.fetchAll<store::UserShortcut>())
+            if (const auto uuid = shortcut->uuid()) known.insert(uuid->string());
+    } catch (const store::StoreError& error) {
+        // Without the list every key would look unknown; better to keep them all than to drop live ones.
+        logError("cleanupShortcutsByUserDefaults() - error: " + error.error().localizedDescription);
+        return;
+    }
+    static constexpr std::string_view kPrefix = "KeyboardShortcuts_";
+    for (const auto& [key, value] : settings.dictionaryRepresentation()) {
+        if (key.rfind(kPrefix, 0) != 0) continue;
+        const std::string uuidText = key.substr(kPrefix.size());
+        const auto parsed = Uuid::parse(uuidText);
+        const bool isKnown = parsed && known.count(parsed->string()) > 0;
+        if (isKnown) {
+            logInfo("cleanupShortcutsByUserDefaults() - KeyboardShortcuts Hotkey with UUID " + uuidText +
+                    " is known by SPR, skipping");
+        } else {
+            logInfo("cleanupShortcutsByUserDefaults() - KeyboardShortcuts Hotkey with UUID " + uuidText +
+                    " is not known by SPR, disabling and resetting");
+            keyboardShortcuts.disable({uuidText});
+            keyboardShortcuts.reset({uuidText});
+        }
+    }
+    const double seconds = std::chrono::duration<double>(clock.steadyNow() - started).count();
+    char elapsed[32];
+    std::snprintf(elapsed, sizeof elapsed, "%.6f", seconds);
+    logInfo(std::string("cleanupShortcutsByUserDefaults() - finished checks in ") + elapsed + " seconds");
 }
 
 } // namespace sprelio

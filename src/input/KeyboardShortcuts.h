@@ -14,6 +14,13 @@
 
 namespace sprelio {
 
+namespace store {
+class ManagedObjectContext;
+}
+namespace platform {
+class Clock;
+}
+
 // Carbon's key code (the macOS virtual key code) and modifier mask (cmdKey 0x100, shiftKey 0x200, optionKey 0x800,
 // controlKey 0x1000).
 struct CarbonShortcut {
@@ -75,5 +82,10 @@ private:
     std::map<std::string, std::vector<Handler>> keyUpHandlers_;
     std::map<std::string, platform::HotKeyId> registered_;
 };
+
+// Hotkey entries of the settings ("KeyboardShortcuts_<uuid>") whose shortcut is no longer stored are disabled and
+// removed, so that a deleted shortcut's key stops answering after the next start.
+void cleanupShortcutsByUserDefaults(store::ManagedObjectContext& context, const store::SettingsStore& settings,
+                                    KeyboardShortcuts& keyboardShortcuts, const platform::Clock& clock);
 
 } // namespace sprelio

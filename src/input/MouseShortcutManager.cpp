@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "input/KeyboardShortcutManager.h"
 #include "store/Entities.h"
 
@@ -80,7 +80,7 @@ void MouseShortcutManager::executeActionForMouseButton(std::int64_t button, bool
         shortcuts, [button](const store::UserShortcut& s) { return s.mouseEventMouseButton() == button; });
     if (!shortcut) return;
     runShortcutActionTask(deps_.loop, deps_.appState, actions_, deps_.checkUsability, std::move(shortcut), isDown,
-                          "MouseShortcutManager.executeActionForMouseButton()", alive_);
+                          "MouseShortcutManager.executeActionForMouseButton()", lifetime_.token());
 }
 
 std::set<std::int64_t> MouseShortcutManager::boundButtons() const {

@@ -10,7 +10,8 @@
 #include <set>
 #include <string>
 
-#include "core/AppState.h"
+#include "base/LifetimeGuard.h"
+#include "shared/AppState.h"
 #include "input/ShortcutActionDispatcher.h"
 #include "platform/GlobalInput.h"
 #include "platform/MainLoop.h"
@@ -60,7 +61,7 @@ public:
 private:
     MouseShortcutManagerDependencies deps_;
     ShortcutActionDispatcher* actions_ = nullptr;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
     // syncQueue: orders the two timestamps between the event path and any reader.
     mutable std::mutex syncQueue_;
     std::optional<double> tsDown_;

@@ -1,6 +1,6 @@
 #include "input/ShortcutActionDispatcher.h"
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/Entities.h"
 
 namespace sprelio {

@@ -7,9 +7,9 @@
 #include <optional>
 #include <string>
 
-#include "core/AppActivity.h"
-#include "core/AppState.h"
-#include "core/ShortcutAction.h"
+#include "shared/AppActivity.h"
+#include "shared/AppState.h"
+#include "shared/ShortcutAction.h"
 
 namespace sprelio {
 

@@ -13,7 +13,7 @@
 #include <variant>
 #include <vector>
 
-#include "core/Error.h"
+#include "base/Error.h"
 
 namespace sprelio::platform {
 

@@ -9,8 +9,8 @@
 #include <fstream>
 #include <system_error>
 
-#include "core/BuildInfo.h"
-#include "diagnostics/Log.h"
+#include "base/BuildInfo.h"
+#include "base/Log.h"
 
 namespace sprelio::store {
 namespace {

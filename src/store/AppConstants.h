@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/Folders.h"
-#include "store/LocalizedLanguage.h"
+#include "base/LocalizedLanguage.h"
 
 namespace sprelio::store {
 

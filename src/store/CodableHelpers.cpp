@@ -5,7 +5,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/AtomicFile.h"
 
 namespace sprelio::store {

@@ -1,5 +1,5 @@
 #pragma once
-// Fetch helpers over the store and the set of actions that may record while held.
+// Fetch and save helpers over the store and the set of actions that may record while held.
 #include <functional>
 #include <memory>
 #include <optional>
@@ -46,5 +46,10 @@ std::vector<std::shared_ptr<UserShortcut>> getUserShortcuts(bool sortedByOrderAs
 // The same on a given context (the shared one above is this on the view context).
 std::vector<std::shared_ptr<UserShortcut>> getUserShortcuts(ManagedObjectContext& context, bool sortedByOrderAscending,
                                                             bool sortedByTimestampAscending);
+
+// The one way anything is saved: validates every registered object, saves in one transaction, runs the context's
+// didSave hook on success and gives up the unsaved changes when the store refuses the save. Every log line starts
+// "cdSaveContext() - caller: <caller>". Returns true on a clean save or when there was nothing to save.
+bool cdSaveContext(ManagedObjectContext* context, const std::string& caller);
 
 } // namespace sprelio::store

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "core/Uuid.h"
+#include "base/Uuid.h"
 #include "store/ManagedObject.h"
 
 namespace sprelio::store {

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/AtomicFile.h"
 
 namespace sprelio::store {

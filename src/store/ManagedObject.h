@@ -11,7 +11,7 @@
 #include <variant>
 #include <vector>
 
-#include "core/Error.h"
+#include "base/Error.h"
 
 namespace sprelio::store {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <unordered_map>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/SqliteStore.h"
 
 namespace sprelio::store {

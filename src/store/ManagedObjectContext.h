@@ -114,11 +114,16 @@ public:
 
     SqliteStore& store() const;
 
+    // Run by cdSaveContext after each successful save; the owner of what mirrors the store sets it.
+    void setDidSave(std::function<void()> hook) { didSave_ = std::move(hook); }
+    const std::function<void()>& didSave() const { return didSave_; }
+
 private:
     friend class ManagedObject;
     void noteChanged(ManagedObject& object);
     struct Impl;
     std::unique_ptr<Impl> impl_;
+    std::function<void()> didSave_;
 };
 
 } // namespace sprelio::store

@@ -5,8 +5,8 @@
 #include <mutex>
 #include <system_error>
 
-#include "core/Uuid.h"
-#include "diagnostics/Log.h"
+#include "base/Uuid.h"
+#include "base/Log.h"
 #include "store/SqliteStore.h"
 
 namespace sprelio::store {
@@ -50,6 +50,7 @@ std::optional<StoreError> PersistentContainer::loadPersistentStores() {
             store_ = SqliteStore::open(storeFile_);
         }
         viewContext_ = std::make_unique<ManagedObjectContext>(store_);
+        viewContext_->setDidSave(didSave_);
     } catch (const StoreError& e) {
         store_.reset();
         viewContext_.reset();
@@ -67,7 +68,13 @@ std::unique_ptr<ManagedObjectContext> PersistentContainer::newBackgroundContext(
     if (!store_) throw std::logic_error("PersistentContainer::newBackgroundContext() - the store is not loaded");
     auto context = std::make_unique<ManagedObjectContext>(store_->openAnotherConnection());
     context->mergePolicy = viewContext_->mergePolicy;
+    context->setDidSave(didSave_);
     return context;
+}
+
+void PersistentContainer::setDidSave(std::function<void()> hook) {
+    didSave_ = std::move(hook);
+    if (viewContext_) viewContext_->setDidSave(didSave_);
 }
 
 // MARK: PersistenceController

@@ -31,12 +31,15 @@ public:
     std::shared_ptr<SqliteStore> store() const { return store_; }
     // A new context with its own connection to the same store, for work off the main loop (one thread at a time).
     std::unique_ptr<ManagedObjectContext> newBackgroundContext();
+    // The didSave hook of the view context and of every background context made from now on.
+    void setDidSave(std::function<void()> hook);
 
 private:
     std::string name_;
     std::filesystem::path storeFile_;
     std::shared_ptr<SqliteStore> store_;
     std::unique_ptr<ManagedObjectContext> viewContext_;
+    std::function<void()> didSave_;
 };
 
 class PersistenceController {

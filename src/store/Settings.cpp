@@ -6,7 +6,7 @@
 #include <climits>
 #include <cmath>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::store {
 

@@ -38,7 +38,7 @@
 #include <nlohmann/json.hpp>
 
 #include "store/AppConstants.h"
-#include "store/LocalizedLanguage.h"
+#include "base/LocalizedLanguage.h"
 #include "store/PointText.h"
 #include "store/SettingsStore.h"
 

@@ -4,8 +4,8 @@
 
 #include <cmath>
 
-#include "core/Uuid.h"
-#include "diagnostics/Log.h"
+#include "base/Uuid.h"
+#include "base/Log.h"
 #include "store/Entities.h"
 
 namespace sprelio::store {

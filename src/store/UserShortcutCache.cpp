@@ -1,6 +1,6 @@
 #include "store/UserShortcutCache.h"
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/DatabaseHelpers.h"
 
 namespace sprelio::store {

@@ -1,6 +1,6 @@
 #include "text/AccesibilityControllerImpl.h"
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "input/KeyCodes.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"
@@ -25,7 +25,7 @@ bool endsWithCommandMark(const std::string& name) {
 AccesibilityControllerImpl::AccesibilityControllerImpl(AccesibilityControllerDependencies dependencies)
     : deps_(std::move(dependencies)) {}
 
-AccesibilityControllerImpl::~AccesibilityControllerImpl() { *alive_ = false; }
+AccesibilityControllerImpl::~AccesibilityControllerImpl() { lifetime_.expire(); }
 
 void AccesibilityControllerImpl::injectTextViaPaste(const std::string& text, std::optional<pid_t> pid) {
     const bool direct = FrontmostAppClassifier::shouldUseKeyboardInjection(deps_.workspace, true);
@@ -36,14 +36,14 @@ void AccesibilityControllerImpl::injectTextViaPaste(const std::string& text, std
         if (deps_.settings.copyTranscript()) deps_.clipboardHelper.setString(text, kInjectCaller);
         return;
     }
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.clipboardHelper.getString([this, alive, text](std::string savedText) {
-        if (alive.expired()) return;
+        if (!alive) return;
         logInfo("injectTextViaPaste() - originalClipboardContent: " + std::string(kPrivatized));
         logInfo("injectTextViaPaste() - text                    : " + std::string(kPrivatized));
         deps_.clipboardHelper.setString(text, kInjectCaller);
         deps_.loop.post([this, alive, savedText = std::move(savedText), text] {
-            if (alive.expired()) return;
+            if (!alive) return;
             postPasteKeystroke(savedText, text);
         });
     });
@@ -91,10 +91,10 @@ void AccesibilityControllerImpl::sendRemotePaste(std::uint16_t vKey, std::option
     sequence->events = {{kKeyControl, true, 0}, {vKey, true, 0}, {vKey, false, 0}, {kKeyControl, false, 0}};
     sequence->originalContent = std::move(originalContent);
     sequence->text = std::move(text);
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     auto step = std::make_shared<std::function<void()>>();
     *step = [this, alive, sequence, weakStep = std::weak_ptr<std::function<void()>>(step)] {
-        if (alive.expired()) return;
+        if (!alive) return;
         if (sequence->next == 0) sequence->released = releaseHeldModifiers(deps_.keyboard);
         deps_.keyboard.postKeyEvents({sequence->events[sequence->next++]});
         if (sequence->next < sequence->events.size()) {
@@ -122,9 +122,9 @@ void AccesibilityControllerImpl::finishPaste(const std::optional<std::string>& o
 
 void AccesibilityControllerImpl::restoreOriginalContent(const std::string& originalContent, bool /*forceRestore*/) {
     logInfo("restoreOriginalContent() - restoring originalContent: " + std::string(kPrivatized));
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.loop.postAfter(kRestoreDelay, [this, alive, originalContent] {
-        if (alive.expired()) return;
+        if (!alive) return;
         deps_.clipboardHelper.setString(originalContent, kRestoreCaller);
     });
 }

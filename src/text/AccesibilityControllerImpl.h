@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "base/LifetimeGuard.h"
 #include "platform/FrontmostApp.h"
 #include "platform/KeyboardLayout.h"
 #include "platform/MainLoop.h"
@@ -69,7 +70,7 @@ private:
     void finishPaste(const std::optional<std::string>& originalContent, const std::string& text);
 
     AccesibilityControllerDependencies deps_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
 };
 
 } // namespace sprelio

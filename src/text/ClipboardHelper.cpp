@@ -1,6 +1,6 @@
 #include "text/ClipboardHelper.h"
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/AppConstants.h"
 #include "text/SyntheticKeystrokes.h"
 
@@ -8,7 +8,7 @@ namespace sprelio {
 
 ClipboardHelper::ClipboardHelper(ClipboardHelperDependencies dependencies) : deps_(std::move(dependencies)) {}
 
-ClipboardHelper::~ClipboardHelper() { *alive_ = false; }
+ClipboardHelper::~ClipboardHelper() { lifetime_.expire(); }
 
 void ClipboardHelper::setString(const std::optional<std::string>& text, const std::string& caller) {
     // The text itself is the user's: the line says whether there was one, never what it was.
@@ -23,9 +23,9 @@ void ClipboardHelper::setString(const std::optional<std::string>& text, const st
 }
 
 void ClipboardHelper::getString(std::function<void(std::string)> completion) {
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.clipboard.readString([alive, completion = std::move(completion)](std::optional<std::string> text) {
-        if (alive.expired()) return;
+        if (!alive) return;
         completion(text.value_or(""));
     });
 }
@@ -43,10 +43,10 @@ void ClipboardHelper::getSelectedTextFromFrontmostApp(std::function<void(std::op
         return;
     }
     const pid_t focused = front->processIdentifier;
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.clipboard.readSelectedText(
         [alive, focused, completion = std::move(completion)](std::optional<platform::SelectedText> selected) {
-            if (alive.expired()) return;
+            if (!alive) return;
             // A selection held by another application is not the focused application's selection.
             if (!selected || selected->ownerProcessIdentifier != focused) {
                 logError("getSelectedTextFromFrontmostApp() - error: failed to get selected text");
@@ -66,11 +66,11 @@ void ClipboardHelper::getStringWithCommandC(std::function<void(std::optional<std
     const std::string name = front && front->localizedName ? *front->localizedName : "";
     const std::uint64_t flags = deps_.constants.prefersPasteAndMatchStyle(name) ? kTerminalCopyFlags : kCopyFlags;
     postKeyEventsReleasingHeldModifiers(deps_.keyboard, {{kKeyC, true, flags}, {kKeyC, false, flags}});
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.loop.postAfter(kCopyWait, [this, alive, completion = std::move(completion)]() mutable {
-        if (alive.expired()) return;
+        if (!alive) return;
         deps_.clipboard.readString([alive, completion = std::move(completion)](std::optional<std::string> text) {
-            if (alive.expired()) return;
+            if (!alive) return;
             completion(std::move(text));
         });
     });

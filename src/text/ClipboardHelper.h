@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "base/LifetimeGuard.h"
 #include "platform/Clipboard.h"
 #include "platform/FrontmostApp.h"
 #include "platform/MainLoop.h"
@@ -58,7 +59,7 @@ public:
 
 private:
     ClipboardHelperDependencies deps_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
 };
 
 } // namespace sprelio

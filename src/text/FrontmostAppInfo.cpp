@@ -3,8 +3,9 @@
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
 
-#include "diagnostics/Log.h"
-#include "text/TextCase.h"
+#include "base/Utf8.h"
+#include "base/Log.h"
+#include "base/TextCase.h"
 
 namespace sprelio {
 
@@ -23,7 +24,7 @@ bool fieldMatches(const std::optional<std::string>& wanted, const std::optional<
 } // namespace
 
 bool localizedCaseInsensitiveContains(const std::string& haystack, const std::string& needle) {
-    if (!text::isValidUtf8(haystack) || !text::isValidUtf8(needle)) return haystack.find(needle) != std::string::npos;
+    if (!isValidUtf8(haystack) || !isValidUtf8(needle)) return haystack.find(needle) != std::string::npos;
     icu::UnicodeString h = icu::UnicodeString::fromUTF8(haystack);
     icu::UnicodeString n = icu::UnicodeString::fromUTF8(needle);
     h.foldCase(U_FOLD_CASE_DEFAULT);

@@ -1,6 +1,6 @@
 #include "text/FrontmostAppTracker.h"
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio {
 
@@ -13,16 +13,16 @@ bool isSystemSettings(const std::string& bundleId) {
 } // namespace
 
 FrontmostAppTracker::FrontmostAppTracker(FrontmostAppTrackerDependencies dependencies) : deps_(std::move(dependencies)) {
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.notifications.setDidActivateApplicationHandler(
         [this, alive](const std::optional<platform::RunningApplication>& app) {
-            if (alive.expired()) return;
+            if (!alive) return;
             didActivate(app);
         });
 }
 
 FrontmostAppTracker::~FrontmostAppTracker() {
-    *alive_ = false;
+    lifetime_.expire();
     deps_.notifications.setDidActivateApplicationHandler({});
 }
 
@@ -42,9 +42,9 @@ void FrontmostAppTracker::updateApps(const std::string& name, const std::string&
     if (previousApp_ && isSystemSettings(previousApp_->bundleId) && bundleId != previousApp_->bundleId) {
         logWarning("FrontmostAppTracker.handleSystemSettingsNoLongerFrontmost() - System Settings was frontmost, now "
                    "replaced by " + name + " (" + bundleId + ")");
-        std::weak_ptr<bool> alive = alive_;
+        const auto alive = lifetime_.token();
         deps_.loop.post([this, alive] {
-            if (!alive.expired()) handleSystemSettingsNoLongerFrontmost();
+            if (alive) handleSystemSettingsNoLongerFrontmost();
         });
     }
 }
@@ -52,9 +52,9 @@ void FrontmostAppTracker::updateApps(const std::string& name, const std::string&
 void FrontmostAppTracker::handleSystemSettingsFrontmost() {
     logWarning("FrontmostAppTracker.handleSystemSettingsFrontmost() - System Settings is frontmost, applying special "
                "handling");
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.loop.post([this, alive] {
-        if (!alive.expired() && deps_.deregisterEventTap) deps_.deregisterEventTap();
+        if (alive && deps_.deregisterEventTap) deps_.deregisterEventTap();
     });
 }
 

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "base/LifetimeGuard.h"
 #include "platform/FrontmostApp.h"
 #include "platform/MainLoop.h"
 
@@ -54,7 +55,7 @@ private:
     void didActivate(const std::optional<platform::RunningApplication>& app);
 
     FrontmostAppTrackerDependencies deps_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
     std::optional<App> currentApp_;
     std::optional<App> previousApp_;
 };

@@ -12,9 +12,10 @@
 #include <unordered_map>
 #include <utility>
 
-#include "diagnostics/Log.h"
+#include "base/Utf8.h"
+#include "base/Log.h"
 #include "store/Persistence.h"
-#include "text/TextCase.h"
+#include "base/TextCase.h"
 
 namespace sprelio {
 
@@ -164,7 +165,7 @@ cdGetSubstitutions(store::ManagedObjectContext& context, std::optional<std::vect
 }
 
 std::string replaceWords(const std::string& text, const std::string& from, const std::string& to) {
-    if (!text::isValidUtf8(text) || !text::isValidUtf8(from) || !text::isValidUtf8(to)) {
+    if (!isValidUtf8(text) || !isValidUtf8(from) || !isValidUtf8(to)) {
         logError("replaceWords() - text or rule is not valid UTF-8, text left unchanged");
         return text;
     }
@@ -173,7 +174,7 @@ std::string replaceWords(const std::string& text, const std::string& from, const
 
 std::string applySubstitutions(store::ManagedObjectContext& context, const std::string& text,
                                const std::optional<std::string>& extraInput, const std::string& extraOutput) {
-    if (!text::isValidUtf8(text)) {
+    if (!isValidUtf8(text)) {
         logError("applySubstitutions() - text is not valid UTF-8, delivered without substitutions");
         return text;
     }
@@ -185,7 +186,7 @@ std::string applySubstitutions(store::ManagedObjectContext& context, const std::
     for (const auto& rule : rules) {
         const std::string input = rule->input().value_or("");
         const std::string output = rule->output().value_or("");
-        if (!text::isValidUtf8(input) || !text::isValidUtf8(output)) {
+        if (!isValidUtf8(input) || !isValidUtf8(output)) {
             logError("applySubstitutions() - a stored rule is not valid UTF-8 and was skipped");
             continue;
         }

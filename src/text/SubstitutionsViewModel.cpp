@@ -4,10 +4,10 @@
 #include <chrono>
 #include <utility>
 
-#include "core/AppHelpers.h"
-#include "diagnostics/Log.h"
+#include "store/DatabaseHelpers.h"
+#include "base/Log.h"
 #include "text/SubstitutionHelpers.h"
-#include "text/TextCase.h"
+#include "base/TextCase.h"
 
 namespace sprelio {
 

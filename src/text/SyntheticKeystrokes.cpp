@@ -1,6 +1,6 @@
 #include "text/SyntheticKeystrokes.h"
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio {
 

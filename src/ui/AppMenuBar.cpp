@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "audio/MicrophoneManagerImpl.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "input/Key.h"
 #include "store/DatabaseHelpers.h"
 #include "store/Entities.h"

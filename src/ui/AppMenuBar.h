@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "audio/MicrophoneManager.h"
-#include "core/AppActivity.h"
-#include "core/AppState.h"
-#include "core/ShortcutAction.h"
+#include "shared/AppActivity.h"
+#include "shared/AppState.h"
+#include "shared/ShortcutAction.h"
 
 namespace sprelio {
 

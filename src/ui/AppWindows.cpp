@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cmath>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/PointText.h"
 #include "store/Settings.h"
 
@@ -16,12 +16,12 @@ WindowTitles WindowTitles::make(const std::string& appName) {
 
 AppWindows::AppWindows(Dependencies deps) : deps_(std::move(deps)) {}
 
-AppWindows::~AppWindows() { *alive_ = false; }
+AppWindows::~AppWindows() { lifetime_.expire(); }
 
 void AppWindows::post(std::function<void()> task) {
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.loop.post([alive, task = std::move(task)] {
-        if (auto token = alive.lock(); token && *token) task();
+        if (alive) task();
     });
 }
 
@@ -49,9 +49,9 @@ void AppWindows::restoreAndShowWindow(AppWindow* window) {
         return;
     }
     window->deminiaturize();
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.loop.postAfter(std::chrono::milliseconds(100), [this, alive, window] {
-        if (auto token = alive.lock(); token && *token) bringForward(window);
+        if (alive) bringForward(window);
     });
 }
 

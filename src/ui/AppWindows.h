@@ -7,7 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "core/AppState.h"
+#include "base/LifetimeGuard.h"
+#include "shared/AppState.h"
 #include "platform/MainLoop.h"
 #include "platform/Screens.h"
 
@@ -101,7 +102,7 @@ private:
     Dependencies deps_;
     ContentWindow* mainWindow_ = nullptr;
     AppWindow* tutorialWindow_ = nullptr;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
 };
 
 // The banner inside the main window: AppState's message is shown until its timeout, if it has one, or until the

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <sstream>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/GlobalInput.h"
 
 namespace sprelio {

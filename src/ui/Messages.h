@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/Error.h"
+#include "shared/Errors.h"
 #include "platform/Platform.h"
 
 namespace sprelio {
@@ -17,46 +17,6 @@ class AppState;
 namespace store {
 class Settings;
 }
-
-enum class SPRLocalizedError : int {
-    unknownError = 0,
-    networkError = 1,
-    balancerError = 2,
-    tokenUnavailableError = 3,
-    nothingToTranscribeError = 4,
-    noVoiceDetectedWillRelaunchError = 5,
-    noMicrophonesFoundError = 6,
-    invalidUrlError = 7,
-    uploadFailedError = 8,
-    transcriptionFailedError = 9,
-    userCancelledRecordingError = 10,
-    microphoneMutedError = 11,
-    microphoneLowVolumeError = 12,
-};
-
-inline constexpr const char* kSPRLocalizedErrorDomain = "SPRLocalizedError";
-inline constexpr const char* kSPRStringErrorDomain = "SPRStringError";
-
-std::string_view sprLocalizedErrorName(SPRLocalizedError error);
-std::optional<SPRLocalizedError> sprLocalizedErrorFromRawValue(int rawValue);
-// The text shown to the user; `appName` fills the texts that name the application.
-std::string errorDescription(SPRLocalizedError error, std::string_view appName);
-// Domain "SPRLocalizedError", code = the raw value.
-Error makeError(SPRLocalizedError error, std::string_view appName);
-
-// A text that came from a server, with an optional title.
-struct SPRStringError {
-    std::optional<std::string> title;
-    std::string message;
-
-    static SPRStringError errorMessageError(std::optional<std::string> title, std::string message) {
-        return SPRStringError{std::move(title), std::move(message)};
-    }
-    // The message; when it is empty, the title; when that is missing too, the unknown error's text.
-    std::string errorDescription() const;
-    // Domain "SPRStringError", code 0.
-    Error toError() const;
-};
 
 enum class SPRToastViewWarningLevel { error, warning, message };
 
@@ -85,7 +45,7 @@ public:
     virtual void closeAllToasts() = 0;
 };
 
-class MessageCenter {
+class MessageCenter final : public ErrorPresenter {
 public:
     static constexpr double kToastWidth = 320;
     static constexpr double kToastHeight = 240;
@@ -98,9 +58,9 @@ public:
 
     // May be called from any thread; the toast work runs on the main loop.
     void showAlertForError(std::optional<Error> error, std::optional<int> statusCode = std::nullopt,
-                           bool showRepeated = false, bool showNeverShowAgain = false);
+                           bool showRepeated = false, bool showNeverShowAgain = false) override;
     void showAlertForError(SPRLocalizedError error, std::optional<int> statusCode = std::nullopt,
-                           bool showRepeated = false, bool showNeverShowAgain = false);
+                           bool showRepeated = false, bool showNeverShowAgain = false) override;
 
     // Main loop only.
     void showSPRToast(SPRToastView toast);
@@ -109,7 +69,7 @@ public:
     void neverShowAgain(const std::string& messageText);
     std::size_t toastCount() const { return sprToastViewControllers_; }
 
-    const std::string& appName() const { return appName_; }
+    const std::string& appName() const override { return appName_; }
     // A toast centred on a screen's frame.
     static platform::Rect toastFrame(const platform::Rect& screen);
 

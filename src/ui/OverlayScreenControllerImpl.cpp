@@ -6,9 +6,9 @@
 
 #include "audio/RecordingAudio.h"
 #include "core/AppDelegate.h"
-#include "core/AppState.h"
-#include "core/SessionShortcutBuilder.h"
-#include "diagnostics/Log.h"
+#include "shared/AppState.h"
+#include "shared/SessionShortcutBuilder.h"
+#include "base/Log.h"
 #include "input/ShortcutActionDispatcher.h"
 #include "platform/GlobalInput.h"
 #include "store/Entities.h"
@@ -87,17 +87,16 @@ OverlayScreenControllerImpl::OverlayScreenControllerImpl(OverlayScreenController
 }
 
 OverlayScreenControllerImpl::~OverlayScreenControllerImpl() {
-    *alive_ = false;
+    lifetime_.expire();
     deps_.hitTestManager.setOnRegionsChanged({});
     waveform_.reset();
     closePanels();
 }
 
 void OverlayScreenControllerImpl::post(std::function<void()> task) {
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     deps_.loop.post([alive, task = std::move(task)] {
-        auto token = alive.lock();
-        if (!token || !*token) return;
+        if (!alive) return;
         task();
     });
 }
@@ -155,10 +154,9 @@ void OverlayScreenControllerImpl::rebuildPanels() {
             continue;
         }
         const std::string name = screen.name;
-        std::weak_ptr<bool> alive = alive_;
+        const auto alive = lifetime_.token();
         made->setMouseHandler([this, alive, name](int type, platform::Point location) {
-            auto token = alive.lock();
-            if (!token || !*token) return;
+            if (!alive) return;
             handleMouse(name, type, location);
         });
         panels_.emplace(name, PanelEntry{screen, std::move(made), std::nullopt});
@@ -467,10 +465,9 @@ void OverlayScreenControllerImpl::updateOverlayHitRegionIfNeeded(std::optional<O
     const auto* shown = panel(*currentScreen_);
     if (!shown) return;
     const platform::Rect f = shown->frame();
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     auto cancel = [this, alive] {
-        auto token = alive.lock();
-        if (token && *token) cancelButtonClicked();
+        if (alive) cancelButtonClicked();
     };
     switch (*overlayType) {
     case OverlayType::button:
@@ -486,8 +483,7 @@ void OverlayScreenControllerImpl::updateOverlayHitRegionIfNeeded(std::optional<O
             deps_.hitTestManager.addCircularRegion(kCancelRegionID, {f.maxX() - cancelInsetFor(*overlayType), f.midY()},
                                                    kCancelRadius, cancel);
             deps_.hitTestManager.addSquareOverlayRegion(kRecordingRegionID, f, [this, alive] {
-                auto token = alive.lock();
-                if (token && *token) finishRecordingFromWaveform();
+                if (alive) finishRecordingFromWaveform();
             });
         }
         break;

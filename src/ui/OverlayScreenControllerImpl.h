@@ -11,13 +11,14 @@
 #include <optional>
 #include <string>
 
-#include "core/AppActivity.h"
+#include "base/LifetimeGuard.h"
+#include "shared/AppActivity.h"
 #include "platform/FrontmostApp.h"
 #include "platform/MainLoop.h"
 #include "platform/OverlayPanels.h"
 #include "platform/Screens.h"
 #include "ui/HitTestManager.h"
-#include "ui/OverlayController.h"
+#include "shared/OverlayController.h"
 #include "ui/VoiceWaveformOverlayView.h"
 
 namespace sprelio {
@@ -162,7 +163,7 @@ private:
     void post(std::function<void()> task);
 
     OverlayScreenControllerDependencies deps_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
     std::map<std::string, PanelEntry> panels_;
     bool enabled_ = false;
     std::optional<std::string> currentScreen_;

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/Settings.h"
 
 namespace sprelio {
@@ -61,7 +61,7 @@ std::string recordingTimeText(double elapsedSeconds) {
 // ---- Running time ----
 
 RecordingTimerModel::~RecordingTimerModel() {
-    *alive_ = false;
+    lifetime_.expire();
     if (timerCancellable_) timerCancellable_->invalidate();
 }
 
@@ -72,10 +72,9 @@ void RecordingTimerModel::start() {
 }
 
 void RecordingTimerModel::scheduleTick() {
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     timerCancellable_ = loop_.schedule(kInterval, [this, alive] {
-        auto token = alive.lock();
-        if (!token || !*token) {
+        if (!alive) {
             logWarning("RecordingTimerModel timer - self is nil");
             return;
         }
@@ -101,7 +100,7 @@ VoiceWaveformOverlayView::VoiceWaveformOverlayView(platform::MainLoop& loop, con
 
 VoiceWaveformOverlayView::~VoiceWaveformOverlayView() {
     logInfo("VoiceWaveformOverlayView.deinit() - Cleaning up waveform view");
-    *alive_ = false;
+    lifetime_.expire();
     timerModel_.onChange = nullptr;
     timerModel_.stop();
     if (cancellable_) cancellable_->invalidate();
@@ -118,10 +117,9 @@ void VoiceWaveformOverlayView::connect(std::shared_ptr<RecordingAudio> audio) {
     logInfo("VoiceWaveformOverlayView.connect() - Starting connection to audio recorder");
     if (!loop_.isMainThread()) {
         logError("VoiceWaveformOverlayView.connect() - NOT on main thread! This could cause crashes.");
-        std::weak_ptr<bool> alive = alive_;
+        const auto alive = lifetime_.token();
         loop_.post([this, alive, audio = std::move(audio)]() mutable {
-            auto token = alive.lock();
-            if (!token || !*token) return;
+            if (!alive) return;
             connect(std::move(audio));
         });
         return;
@@ -138,10 +136,9 @@ void VoiceWaveformOverlayView::connect(std::shared_ptr<RecordingAudio> audio) {
 }
 
 void VoiceWaveformOverlayView::scheduleTick() {
-    std::weak_ptr<bool> alive = alive_;
+    const auto alive = lifetime_.token();
     cancellable_ = loop_.schedule(kPollInterval, [this, alive] {
-        auto token = alive.lock();
-        if (!token || !*token) {
+        if (!alive) {
             logWarning("VoiceWaveformOverlayView timer - self is nil, stopping timer");
             return;
         }

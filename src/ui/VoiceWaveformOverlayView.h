@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/LifetimeGuard.h"
 #include "audio/RecordingAudio.h"
 #include "platform/MainLoop.h"
 #include "platform/OverlayPanels.h"
@@ -62,7 +63,7 @@ private:
     platform::MainLoop& loop_;
     double elapsedTime_ = 0;
     std::shared_ptr<platform::Timer> timerCancellable_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
 };
 
 // What the overlay connects to when the application has no recorder: it never records, so the meter stays empty.
@@ -115,7 +116,7 @@ private:
     RecordingTimerModel timerModel_;
     std::shared_ptr<platform::Timer> cancellable_;
     std::shared_ptr<RecordingAudio> audio_;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    LifetimeGuard lifetime_;
 };
 
 } // namespace sprelio

@@ -2,15 +2,15 @@
 #include <gtest/gtest.h>
 
 #include "ai/IntelligenceItems.h"
-#include "core/Digest.h"
+#include "base/Digest.h"
 #include "platform/test/TestPlatform.h"
 
 namespace sprelio {
 namespace {
 
-std::vector<store::LocalizedLanguage> targets() {
-    return {store::LocalizedLanguage{"de", "German", "German", "Deutsch"},
-            store::LocalizedLanguage{"", "", "", ""}};
+std::vector<LocalizedLanguage> targets() {
+    return {LocalizedLanguage{"de", "German", "German", "Deutsch"},
+            LocalizedLanguage{"", "", "", ""}};
 }
 
 TEST(IntelligenceItems, IdsAreDigestsOfTheCaseNames) {

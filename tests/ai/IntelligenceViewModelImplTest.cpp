@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "ai/IntelligenceViewModelImpl.h"
-#include "core/AppState.h"
-#include "core/Digest.h"
+#include "shared/AppState.h"
+#include "base/Digest.h"
 #include "platform/test/TestPlatform.h"
 #include "store/AppConstants.h"
 #include "store/Entities.h"

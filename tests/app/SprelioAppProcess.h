@@ -13,7 +13,7 @@
 
 #include "audio/AudioTestSupport.h"
 #include "audio/PulseDaemon.h"
-#include "core/Uuid.h"
+#include "base/Uuid.h"
 #include "input/Key.h"
 #include "platform/X11TestSupport.h"
 #include "store/Entities.h"

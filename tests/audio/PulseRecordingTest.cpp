@@ -45,7 +45,7 @@ protected:
     }
 
     std::shared_ptr<CaptureRecordingAudio> makeRecorder(const std::string& name, CompletionLog& completions) {
-        CaptureRecordingAudioFactory factory(*counting_, workers_);
+        CaptureRecordingAudioFactory factory(*counting_, workers_, {});
         auto recorder = factory.makeCaptureRecordingAudio(dir_ / name);
         recorder->setOnRecordingCompletion([&completions](const std::filesystem::path&, bool ok) { completions.add(ok); });
         return recorder;
@@ -312,7 +312,7 @@ TEST_F(PulseRecordingTest, ContractOfTheRecorder) {
 
     // A file that can't be made: no recording, no completion, the error in the log.
     CompletionLog none;
-    CaptureRecordingAudioFactory factory(*counting_, workers_);
+    CaptureRecordingAudioFactory factory(*counting_, workers_, {});
     auto broken = factory.makeCaptureRecordingAudio(dir_ / "missing" / "folder" / "x.caf");
     broken->setOnRecordingCompletion([&none](const std::filesystem::path&, bool ok) { none.add(ok); });
     const auto brokenId = Uuid::random();

@@ -16,7 +16,6 @@
 #include "audio/CafReader.h"
 #include "audio/CaptureRecordingAudio.h"
 #include "core/SessionFakes.h"
-#include "core/SharedAppDelegate.h"
 #include "platform/linux/PulseAudioCapture.h"
 #include "platform/linux/PulseAudioConnection.h"
 #include "platform/loop/RealTimeLoop.h"
@@ -62,11 +61,6 @@ private:
 };
 
 // Clears the shared AppDelegate when the test ends, whatever happens in it.
-struct SharedAppDelegateScope {
-    explicit SharedAppDelegateScope(SharedAppDelegate* delegate) { setSharedAppDelegate(delegate); }
-    ~SharedAppDelegateScope() { setSharedAppDelegate(nullptr); }
-};
-
 class RecorderCompletionTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -112,7 +106,7 @@ protected:
 };
 
 TEST_F(RecorderCompletionTest, AnEncoderThatCanNoLongerWriteIsLoggedOnceAndTheCompletionReportsFailure) {
-    CaptureRecordingAudioFactory factory(*counting_, workers_);
+    CaptureRecordingAudioFactory factory(*counting_, workers_, {});
     auto recorder = factory.makeCaptureRecordingAudio(dir_ / "limited.caf");
     CompletionLog completions;
     recorder->setOnRecordingCompletion([&](const std::filesystem::path&, bool ok) { completions.add(ok); });
@@ -179,12 +173,11 @@ TEST_F(RecorderCompletionTest, AnEncoderThatCanNoLongerWriteIsLoggedOnceAndTheCo
 
 TEST_F(RecorderCompletionTest, WithoutACompletionTheSessionReturnsToIdle) {
     testing::SessionHarness h;
-    SharedAppDelegateScope shared(&h.app);
     h.app.setAppStatus(AppActivity::recording);
     h.tp.clearCalls();
 
-    // The factory of the application: its recorders go back to the shared AppDelegate.
-    CaptureRecordingAudioFactory factory(*counting_, workers_);
+    // The factory as the application makes it: its recorders go back to the session that owns them.
+    CaptureRecordingAudioFactory factory(*counting_, workers_, [&h] { h.app.setupMenuWithMainMenu(); });
     auto recorder = factory.makeCaptureRecordingAudio(dir_ / "orphan.caf");
     recorder->record(Uuid::random(), stopwatch());
     ASSERT_TRUE(waitFor([&] { return counting_->frames.load() > 1600; }));
@@ -199,19 +192,6 @@ TEST_F(RecorderCompletionTest, WithoutACompletionTheSessionReturnsToIdle) {
     EXPECT_TRUE(h.tp.called("statusImage:micro_status"));
     EXPECT_EQ(logs_.count(kNoCompletion), 1u);
     EXPECT_EQ(audio_test::ffmpegDecode(dir_ / "orphan.caf").exitCode, 0) << "the recording itself is kept";
-}
-
-TEST_F(RecorderCompletionTest, WithoutACompletionOrASharedAppDelegateTheMissingDelegateIsLogged) {
-    SharedAppDelegateScope none(nullptr);
-    CaptureRecordingAudioFactory factory(*counting_, workers_);
-    auto recorder = factory.makeCaptureRecordingAudio(dir_ / "alone.caf");
-    recorder->record(Uuid::random(), stopwatch());
-    ASSERT_TRUE(waitFor([&] { return counting_->frames.load() > 1600; }));
-    recorder->stop();
-    ASSERT_TRUE(waitFor([&] { return logs_.contains(kNoCompletion); }));
-    ASSERT_TRUE(waitFor([&] {
-        return logs_.containsPrefix("unwrappedAppDelegate() - AppDelegate.shared is nil.");
-    }));
 }
 
 TEST_F(RecorderCompletionTest, ACompletionSetWhileReturningToTheMenuStillRunsOnce) {

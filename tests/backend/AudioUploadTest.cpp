@@ -120,7 +120,7 @@ TEST_F(Answers, PlainAnswerIsDeliveredOnceAndKeepsTheTranscriptOutOfTheLog) {
     ASSERT_TRUE(outcome->calls[0].result);
     EXPECT_EQ((*outcome->calls[0].result)["text"], "secret words");
     EXPECT_TRUE(history.entries.empty());
-    EXPECT_TRUE(overlay.calls.empty()) << "the plain form leaves the overlay to the caller";
+    EXPECT_TRUE(stages.calls.empty()) << "a plain answer has no stages";
     EXPECT_TRUE(logs.contains("AudioUploadManager.uploadRecording() - handle JSON response - responseObj: <privatized>"));
     EXPECT_TRUE(logs.containsPrefix("AudioUploadManager.uploadRecording() - FULL RESPONSE DEBUG: "));
     for (const auto& line : logs.lines()) EXPECT_EQ(line.message.find("secret words"), std::string::npos) << line.message;
@@ -147,11 +147,11 @@ TEST_F(Answers, StreamDeliversTextThenCompletionAndSkipsUnknownLines) {
                                      "{\"completion\":\"polished\"}\n"},
                                     "text/event-stream; charset=utf-8"));
     auto outcome = upload(AICompletionPromptId{"p", "", "", "en", "en"});
-    ASSERT_TRUE(waitFor([&] { return outcome->calls.size() == 2 && overlay.calls.size() == 3; }));
+    ASSERT_TRUE(waitFor([&] { return outcome->calls.size() == 2 && stages.calls.size() == 2; }));
     EXPECT_EQ((*outcome->calls[0].result)["text"], "raw words");
     EXPECT_EQ((*outcome->calls[1].result)["completion"], "polished");
     EXPECT_EQ(outcome->calls[1].status, 200);
-    EXPECT_EQ(overlay.calls, (std::vector<std::string>{"clear", "place:intelligizing", "clear"}));
+    EXPECT_EQ(stages.calls, (std::vector<std::string>{"aiStepStarted", "aiStepEnded"}));
     EXPECT_EQ(logs.count("AudioUploadManager.uploadRecording() - got unknown event, skipping it"), 1u);
     EXPECT_TRUE(logs.contains("AudioUploadManager.uploadRecording() - got TEXT event"));
     EXPECT_TRUE(logs.contains("AudioUploadManager.uploadRecording() - got COMPLETION event"));
@@ -169,8 +169,8 @@ TEST_F(Answers, LineWithTextAndCompletionCountsAsTextOnly) {
     drain();
     EXPECT_EQ(outcome->calls.size(), 1u);
     EXPECT_FALSE(logs.contains("AudioUploadManager.uploadRecording() - got COMPLETION event"));
-    // Without a COMPLETION line the overlay stays for the caller to clear.
-    EXPECT_EQ(overlay.calls, (std::vector<std::string>{"clear", "place:intelligizing"}));
+    // Without a COMPLETION line the AI step never ends here: the caller's evaluation returns the session to idle.
+    EXPECT_EQ(stages.calls, (std::vector<std::string>{"aiStepStarted"}));
 }
 
 TEST_F(Answers, ErrorLineAfterTextDeliversTheTextThenRetriesElsewhere) {

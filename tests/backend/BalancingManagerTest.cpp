@@ -4,7 +4,7 @@
 #include <deque>
 
 #include "backend/BalancingManager.h"
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "platform/test/TestPlatform.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"

@@ -3,7 +3,7 @@
 
 #include "backend/FileUploadManager.h"
 #include "backend/UploadTestSupport.h"
-#include "core/Digest.h"
+#include "base/Digest.h"
 
 namespace sprelio {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "backend/LoginResourceService.h"
 #include "backend/UploadTestSupport.h"
-#include "core/Digest.h"
+#include "base/Digest.h"
 
 namespace sprelio {
 namespace {

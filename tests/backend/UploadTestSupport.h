@@ -1,7 +1,7 @@
 #pragma once
 // The recording upload with every real part that touches the wire: scripted servers on loopback, the libcurl
-// transport, a real-time loop and a worker pool. The services around it (history, overlay, account service) are
-// recorders; the message path is the real one with a recording toast presenter.
+// transport, a real-time loop and a worker pool. The services around it (history, the stages of a streamed answer,
+// account service) are recorders; the message path is the real one with a recording toast presenter.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -15,7 +15,7 @@
 #include "backend/BalancingManager.h"
 #include "backend/HttpAudioUploadManager.h"
 #include "backend/ScriptedServer.h"
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "diagnostics/HistoryManager.h"
 #include "platform/linux/CurlHttpClient.h"
 #include "platform/linux/SystemClock.h"
@@ -25,7 +25,7 @@
 #include "store/Settings.h"
 #include "store/SettingsStore.h"
 #include "ui/Messages.h"
-#include "ui/OverlayController.h"
+#include "shared/OverlayController.h"
 #include "platform/test/TemporaryFolder.h"
 
 namespace sprelio::backendtest {
@@ -57,13 +57,11 @@ public:
     std::vector<HistoryEntry> entries;
 };
 
-class RecordingOverlay final : public OverlayScreenController {
-public:
-    void placeOverlay(OverlayType type, bool) override { calls.push_back("place:" + std::string(overlayTypeName(type))); }
-    void clearOverlays() override { calls.push_back("clear"); }
-    void refreshPanels() override {}
-    std::size_t panelCount() const override { return 1; }
-    std::string description() const override { return "recording overlay"; }
+// The stages of a streamed answer as the owner hears them, in order.
+struct RecordedStages {
+    HttpAudioUploadManager::StreamStages stages() {
+        return {[this] { calls.push_back("aiStepStarted"); }, [this] { calls.push_back("aiStepEnded"); }};
+    }
     std::vector<std::string> calls;
 };
 
@@ -157,7 +155,7 @@ protected:
         balancing->setService(&refresher);
         HttpAudioUploadManager::Dependencies deps{loop,     workers,    clock,      hooked, *balancing,
                                                   appState, *settings,  *constants, history, *messages,
-                                                  &overlay, &refresher, [this] { ++menuRebuilds; }};
+                                                  stages.stages(), &refresher, [this] { ++menuRebuilds; }};
         manager = std::make_unique<HttpAudioUploadManager>(std::move(deps));
         recording = folder.path() / "rec_20240501-120000-000.caf";
         std::ofstream(recording, std::ios::binary) << recordingBytes;
@@ -242,7 +240,7 @@ protected:
     RecordingToasts toasts;
     std::optional<MessageCenter> messages;
     RecordingHistory history;
-    RecordingOverlay overlay;
+    RecordedStages stages;
     RecordingRefresher refresher;
     std::optional<BalancingManager> balancing;
     int logouts = 0;

@@ -2,9 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "SessionFakes.h"
-#include "core/AppHelpers.h"
-#include "core/AppLifecycle.h"
 #include "input/KeyboardShortcuts.h"
+#include "core/AppLifecycle.h"
 #include "platform/test/FakeGlobalInput.h"
 #include "platform/test/TemporaryFolder.h"
 #include "store/Persistence.h"
@@ -46,7 +45,8 @@ struct LifecycleHarness : SessionHarness {
         },
         step("refreshPanels"), [this] { return overlayControllerExists; }, step("dispatchAndMenu"),
         step("statusItem"), step("maintenanceAndBalancing"), step("loadBackends"), step("openSettings"),
-        step("startUpdater"), step("observers"), step("powerSource"), step("terminate")}};
+        step("startUpdater"), step("observers"), step("powerSource"), step("terminate"),
+        step("connectStoreSaves")}};
 
     LifecycleHarness() { app.setOverlayScreenController(nullptr); }
 };
@@ -70,11 +70,10 @@ TEST(AppLifecycle, LaunchRunsItsStepsInOrderAndPressesWaitForTheOverlayControlle
     EXPECT_EQ(h.app.appStatus(), AppActivity::idle);
 
     h.lifecycle.applicationDidFinishLaunching();
-    EXPECT_EQ(h.steps, (std::vector<std::string>{"keyboardSetup", "mouseSetup", "cleanupShortcuts", "networkMonitor",
+    EXPECT_EQ(h.steps, (std::vector<std::string>{"connectStoreSaves", "keyboardSetup", "mouseSetup", "cleanupShortcuts", "networkMonitor",
                                                  "updateKeysSet", "overlayController", "dispatchAndMenu",
                                                  "statusItem", "maintenanceAndBalancing", "openSettings",
                                                  "startUpdater", "observers", "powerSource"}));
-    EXPECT_EQ(unwrappedAppDelegate(), &h.app);
     h.run();
     EXPECT_EQ(h.steps.back(), "loadBackends") << "the backends load in a task of their own";
     EXPECT_EQ(h.windows.calls, (std::vector<std::string>{"policy:regular", "activate"}));
@@ -83,7 +82,6 @@ TEST(AppLifecycle, LaunchRunsItsStepsInOrderAndPressesWaitForTheOverlayControlle
     h.press(makeShortcut("recordAndTranscribe"));
     h.run();
     EXPECT_EQ(h.app.appStatus(), AppActivity::recording) << "after launch a press starts a dictation";
-    setSharedAppDelegate(nullptr);
 }
 
 TEST(AppLifecycle, ASecondLaunchNeitherRegistersTheLoginItemNorOpensTheSettingsAtInit) {
@@ -98,7 +96,6 @@ TEST(AppLifecycle, ASecondLaunchNeitherRegistersTheLoginItemNorOpensTheSettingsA
     h.run();
     EXPECT_EQ(h.windows.calls.front(), "policy:accessory");
     EXPECT_TRUE(h.overlay.placed.empty()) << "no floating button when it is turned off";
-    setSharedAppDelegate(nullptr);
 }
 
 TEST(AppLifecycle, TheNetworkStateHopsToTheMainLoop) {

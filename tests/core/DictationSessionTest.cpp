@@ -770,6 +770,16 @@ TEST_F(DictationSession, RestartingTheLimitReplacesTheOldTimer) {
 
 // ---- Overlays and focus ----
 
+TEST_F(DictationSession, TheServersAIStepSwapsTheOverlayInPlaceAndItsEndClearsIt) {
+    h.app.aiStepStarted();
+    ASSERT_EQ(h.overlay.placed.size(), 1u);
+    EXPECT_EQ(h.overlay.placed.back(), std::make_pair(OverlayType::intelligizing, true));
+    EXPECT_EQ(h.overlay.clears, 1);
+    h.app.aiStepEnded();
+    EXPECT_EQ(h.overlay.clears, 2);
+    EXPECT_EQ(h.overlay.placed.size(), 1u);
+}
+
 TEST_F(DictationSession, FocusIsCapturedAtEachOverlayAndGivenBackAtTheNext) {
     h.settings.setFloatingButtonActivation(false);
     h.press(plain);
@@ -853,9 +863,8 @@ TEST_F(DictationSession, DispatchClosureSetsTheShortcutThenActsInOneTurn) {
     EXPECT_TRUE(logs.containsPrefix("AppState.currentlyActiveUserShortcut: "));
 }
 
-TEST_F(DictationSession, SharedDelegateForwardsTheShortcutCacheRefresh) {
-    sprelio::SharedAppDelegate& shared = h.app;
-    shared.updateCachedUserShortcuts();
+TEST_F(DictationSession, DelegateForwardsTheShortcutCacheRefresh) {
+    h.app.updateCachedUserShortcuts();
     EXPECT_EQ(h.cachedShortcutUpdates, 1);
 }
 

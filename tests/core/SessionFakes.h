@@ -14,7 +14,7 @@
 #include "audio/RecordingAudio.h"
 #include "backend/AudioUploadManager.h"
 #include "core/AppDelegate.h"
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "diagnostics/HistoryManager.h"
 #include "platform/test/TestPlatform.h"
 #include "store/AppConstants.h"
@@ -24,8 +24,8 @@
 #include "text/AccesibilityController.h"
 #include "text/SubstitutionHelpers.h"
 #include "ui/Messages.h"
-#include "ui/OverlayController.h"
-#include "ui/ResultsWindow.h"
+#include "shared/OverlayController.h"
+#include "ai/ResultsWindow.h"
 
 namespace sprelio::testing {
 

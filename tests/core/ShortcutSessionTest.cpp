@@ -6,7 +6,7 @@
 #include "ai/IntelligenceItems.h"
 #include "audio/ContinuousSpeechUnavailable.h"
 #include "core/AppShortcutSession.h"
-#include "core/SessionShortcutBuilder.h"
+#include "shared/SessionShortcutBuilder.h"
 #include "platform/test/TemporaryFolder.h"
 #include "store/Persistence.h"
 

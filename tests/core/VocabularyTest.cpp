@@ -3,9 +3,9 @@
 
 #include <set>
 
-#include "core/AppActivity.h"
-#include "core/AppState.h"
-#include "core/ShortcutAction.h"
+#include "shared/AppActivity.h"
+#include "shared/AppState.h"
+#include "shared/ShortcutAction.h"
 #include "platform/test/TestPlatform.h"
 #include "store/Entities.h"
 

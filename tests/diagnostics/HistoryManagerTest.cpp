@@ -1,7 +1,7 @@
 // Writing history entries into a real store: what an entry holds, unsaved entries, the duration of its recording.
 #include "HistoryTestSupport.h"
 
-#include "core/AppHelpers.h"
+#include "store/DatabaseHelpers.h"
 
 namespace sprelio::historytest {
 namespace {

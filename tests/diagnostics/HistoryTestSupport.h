@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "audio/CafOpusWriter.h"
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "diagnostics/HistoryManagerImpl.h"
 #include "diagnostics/MaintenanceManager.h"
 #include "platform/test/TemporaryFolder.h"

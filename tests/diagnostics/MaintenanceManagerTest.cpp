@@ -2,7 +2,7 @@
 // removed with its recording, entries that share one recording, and a link cleared by another context.
 #include "HistoryTestSupport.h"
 
-#include "core/AppHelpers.h"
+#include "store/DatabaseHelpers.h"
 
 namespace sprelio::historytest {
 namespace {

@@ -2,7 +2,7 @@
 // on the dictation key.
 #include <gtest/gtest.h>
 
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "diagnostics/UsabilityManager.h"
 #include "platform/test/TestPlatform.h"
 #include "store/AppConstants.h"

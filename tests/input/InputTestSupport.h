@@ -5,8 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "core/AppState.h"
-#include "core/SharedAppDelegate.h"
+#include "shared/AppState.h"
 #include "input/EventTapManager.h"
 #include "input/KeyCodes.h"
 #include "input/KeyboardShortcutManager.h"
@@ -56,17 +55,16 @@ public:
 };
 
 // The AppDelegate's part in a save: the event path's copy of the shortcuts follows the store.
-class CacheDelegate final : public SharedAppDelegate {
+class CacheDelegate {
 public:
-    CacheDelegate(store::UserShortcutCache& cache, store::ManagedObjectContext& context) : cache_(cache), context_(context) {
-        setSharedAppDelegate(this);
+    CacheDelegate(store::UserShortcutCache& cache, store::ManagedObjectContext& context) : context_(context) {
+        context_.setDidSave([&cache, &context] { cache.update(context); });
     }
-    ~CacheDelegate() override { setSharedAppDelegate(nullptr); }
-    void updateCachedUserShortcuts() override { cache_.update(context_); }
-    void setupMenuWithMainMenu() override {}
+    ~CacheDelegate() { context_.setDidSave({}); }
+    CacheDelegate(const CacheDelegate&) = delete;
+    CacheDelegate& operator=(const CacheDelegate&) = delete;
 
 private:
-    store::UserShortcutCache& cache_;
     store::ManagedObjectContext& context_;
 };
 

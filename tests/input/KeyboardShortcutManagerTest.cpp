@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/Digest.h"
+#include "base/Digest.h"
 #include "InputTestSupport.h"
 
 using namespace sprelio;

@@ -27,7 +27,7 @@
 
 #include "diagnostics/HistoryManagerImpl.h"
 #include "diagnostics/HistoryTestSupport.h"
-#include "diagnostics/HistoryViewModel.h"
+#include "ui/HistoryViewModel.h"
 #include "diagnostics/MaintenanceManager.h"
 #include "platform/linux/SystemClock.h"
 #include "platform/qt/FileManagerReveal.h"

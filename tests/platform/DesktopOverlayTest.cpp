@@ -9,8 +9,8 @@
 #include <deque>
 #include <memory>
 
-#include "core/AppState.h"
-#include "core/SessionShortcutBuilder.h"
+#include "shared/AppState.h"
+#include "shared/SessionShortcutBuilder.h"
 #include "input/ShortcutActionDispatcher.h"
 #include "platform/qt/QtMainLoop.h"
 #include "platform/qt/QtOverlayPanels.h"

@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "platform/qt/QtMainLoop.h"
 #include "platform/qt/QtScreens.h"
 #include "platform/qt/QtToastPresenter.h"

@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ServerTestSupport.h"
+#include "base/Digest.h"
 
 namespace sprelio::server::test {
 namespace {
@@ -33,7 +34,7 @@ TEST(LocalAccount, TheTokenFileIsPrivateTheDatabaseHoldsOnlyItsHashAndARestartKe
         EXPECT_EQ(info.st_mode & 0777, 0600u);
         ASSERT_TRUE(store.authenticate(token));
         EXPECT_EQ(store.authenticate(token)->email, AccountStore::kLocalEmail);
-        EXPECT_FALSE(store.authenticate(AccountStore::sha256Hex(token)));
+        EXPECT_FALSE(store.authenticate(sha256Hex(token)));
     }
     for (const auto& entry : std::filesystem::directory_iterator(data.path())) {
         if (entry.path().filename() == "local-token") continue;

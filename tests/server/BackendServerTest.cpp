@@ -13,7 +13,8 @@
 
 #include "ServerTestSupport.h"
 #include "audio/CafOpusWriter.h"
-#include "core/Uuid.h"
+#include "base/Digest.h"
+#include "base/Uuid.h"
 #include "platform/test/TestPlatform.h"
 #include "server/AudioDecoder.h"
 
@@ -91,7 +92,7 @@ TEST_F(BackendServerTest, EveryEndpointRefusesAMissingOrWrongToken) {
     expectErrorShape(client_->Get("/users/info", {{"Authorization", "Bearer " + std::string(64, 'a')}}), 401,
                      "Unauthorized", true);
     // The stored hash is no token: sending it must not work.
-    expectErrorShape(client_->Get("/users/info", {{"Authorization", "Bearer " + AccountStore::sha256Hex(token_)}}),
+    expectErrorShape(client_->Get("/users/info", {{"Authorization", "Bearer " + sha256Hex(token_)}}),
                      401, "Unauthorized", true);
     expectErrorShape(postTranscribe(*client_, "wrong", {"a.caf", "bytes", std::nullopt}), 401, "Unauthorized", true);
     auto ok = client_->Get("/users/info", {{"Authorization", "Bearer " + token_}});

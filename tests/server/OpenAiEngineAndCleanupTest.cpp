@@ -12,7 +12,7 @@
 
 #include "ScriptedOpenAiService.h"
 #include "ServerTestSupport.h"
-#include "core/Uuid.h"
+#include "base/Uuid.h"
 #include "server/OpenAiHttp.h"
 #include "server/OpenAiTranscriptionEngine.h"
 #include "server/UploadJanitor.h"

@@ -13,7 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ServerTestSupport.h"
-#include "core/Uuid.h"
+#include "base/Uuid.h"
 #include "platform/test/TestPlatform.h"
 
 namespace sprelio::server::test {

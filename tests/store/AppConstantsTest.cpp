@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "StoreTestSupport.h"
-#include "core/BuildInfo.h"
+#include "base/BuildInfo.h"
 
 using namespace sprelio;
 using namespace sprelio::store;

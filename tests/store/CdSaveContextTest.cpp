@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include "ObjectStoreTestSupport.h"
-#include "core/AppHelpers.h"
 #include "store/DatabaseHelpers.h"
 #include "store/UserShortcutCache.h"
 
@@ -17,6 +16,7 @@ protected:
     void SetUp() override {
         ObjectStoreTest::SetUp();
         controller = std::make_unique<PersistenceController>(folder.path());
+        controller->container().setDidSave(appDelegate.didSaveHook());
         log.clear();
     }
     void TearDown() override {
@@ -69,11 +69,11 @@ TEST_F(CdSaveContextTest, ChangesAreSavedAndTheCacheIsRefreshed) {
     EXPECT_EQ(raw.query("SELECT input FROM Substitution"), (std::vector<std::vector<std::string>>{{"new"}}));
 }
 
-TEST_F(CdSaveContextTest, AMissingAppDelegateIsLoggedAndTheSaveStillSucceeds) {
-    setSharedAppDelegate(nullptr);
+TEST_F(CdSaveContextTest, WithoutADidSaveHookTheSaveStillSucceeds) {
+    controller->container().setDidSave({});
     context().insertNew<Substitution>();
     EXPECT_TRUE(cdSaveContext(&context(), "test()"));
-    EXPECT_TRUE(log.containsPrefix("unwrappedAppDelegate() - AppDelegate.shared is nil"));
+    EXPECT_EQ(appDelegate.calls, 0);
     EXPECT_TRUE(log.contains("cdSaveContext() - caller: test() - context saved successfully"));
 }
 

@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "core/SharedAppDelegate.h"
-#include "core/Uuid.h"
+#include "base/Uuid.h"
 #include "platform/test/TestPlatform.h"
 #include "store/Persistence.h"
 #include "store/SqliteStore.h"
@@ -65,21 +64,20 @@ private:
     sqlite3* db_ = nullptr;
 };
 
-class CountingAppDelegate final : public SharedAppDelegate {
+// Counts the refreshes of the shortcut cache that the application hangs on the store's saves.
+class CountingAppDelegate {
 public:
-    void updateCachedUserShortcuts() override { ++calls; }
-    void setupMenuWithMainMenu() override {}
+    std::function<void()> didSaveHook() {
+        return [this] { ++calls; };
+    }
     int calls = 0;
 };
 
-// A store file in a temporary folder with its controller, a recording log and the fake AppDelegate installed.
+// A store file in a temporary folder with its controller, a recording log and a counting AppDelegate.
 class ObjectStoreTest : public ::testing::Test {
 protected:
-    void SetUp() override { setSharedAppDelegate(&appDelegate); }
-    void TearDown() override {
-        setSharedAppDelegate(nullptr);
-        PersistenceController::uninstallForTesting();
-    }
+    void SetUp() override {}
+    void TearDown() override { PersistenceController::uninstallForTesting(); }
     std::filesystem::path storeFile() const { return folder.path() / PersistenceController::kStoreFileName; }
     // Lines of the log that start with `prefix`, in order.
     std::vector<platform::test::RecordingLogSink::Line> linesStartingWith(const std::string& prefix) const {

@@ -51,7 +51,7 @@ TEST_F(ObjectStoreTest, ShortcutsWithoutUUIDAreRepairedWhenTheStoreOpens) {
     for (const auto& row : raw.query("SELECT uuid FROM UserShortcut")) EXPECT_TRUE(Uuid::parse(row[0])) << row[0];
     EXPECT_FALSE(controller.container().viewContext().hasChanges());
     // The repair saves directly, not through cdSaveContext: the cache is refreshed later by the AppDelegate.
-    EXPECT_EQ(appDelegate.calls, 0);
+    EXPECT_TRUE(linesStartingWith("cdSaveContext()").empty());
 }
 
 TEST_F(ObjectStoreTest, AFailedRepairSaveIsLogged) {

@@ -4,7 +4,7 @@
 #include "platform/test/TestPlatform.h"
 #include "store/Persistence.h"
 #include "text/SubstitutionHelpers.h"
-#include "text/TextCase.h"
+#include "base/TextCase.h"
 
 using namespace sprelio;
 

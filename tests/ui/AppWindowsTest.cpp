@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "platform/test/TestPlatform.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"

@@ -3,7 +3,7 @@
 
 #include <thread>
 
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "platform/test/TestPlatform.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"

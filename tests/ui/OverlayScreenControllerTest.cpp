@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "OverlayTestSupport.h"
-#include "core/SessionShortcutBuilder.h"
+#include "shared/SessionShortcutBuilder.h"
 #include "platform/GlobalInput.h"
 #include "ui/OverlayPlacement.h"
 

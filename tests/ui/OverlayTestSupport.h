@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "audio/RecordingAudio.h"
-#include "core/AppState.h"
+#include "shared/AppState.h"
 #include "input/ShortcutActionDispatcher.h"
 #include "platform/OverlayPanels.h"
 #include "platform/test/TestPlatform.h"

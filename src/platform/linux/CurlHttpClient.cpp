@@ -15,7 +15,7 @@
 #include <system_error>
 #include <thread>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::platform {
 

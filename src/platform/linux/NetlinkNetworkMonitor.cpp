@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::platform {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::platform {
 

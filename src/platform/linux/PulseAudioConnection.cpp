@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::platform {
 

@@ -8,7 +8,7 @@
 #include <iterator>
 #include <utility>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::platform {
 

@@ -7,7 +7,8 @@
 #include <deque>
 #include <vector>
 
-#include "diagnostics/Log.h"
+#include "base/LifetimeGuard.h"
+#include "base/Log.h"
 #include "platform/linux/X11Connection.h"
 #include "platform/linux/X11Errors.h"
 
@@ -19,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 
 // Properties on our window that answers arrive in. A few are used in turn, so that a late answer to a request that
 // timed out cannot land in the property of the next one.
-constexpr int kReadProperties = 8;
+constexpr int kReadProperties = x11::Atoms::kSelectionProperties;
 
 std::string selectionName(Atom selection) { return selection == XA_PRIMARY ? "PRIMARY" : "CLIPBOARD"; }
 
@@ -48,15 +49,12 @@ struct X11Clipboard::Impl final : x11::Connection::Client {
     };
 
     MainLoop& loop;
-    std::shared_ptr<bool> alive = std::make_shared<bool>(true);
+    LifetimeGuard lifetime;
     x11::Connection connection;
     Window window = None;
     bool hasXRes = false;
     std::size_t incrementalThreshold = kIncrementalThreshold;
 
-    Atom clipboard = None, targetsAtom = None, timestampAtom = None, utf8String = None, textAtom = None,
-         textPlainUtf8 = None, incr = None, passwordHint = None, timestampProperty = None;
-    Atom readProperties[kReadProperties] = {};
     int nextReadProperty = 0;
 
     std::shared_ptr<const std::string> ownedText;
@@ -78,17 +76,7 @@ struct X11Clipboard::Impl final : x11::Connection::Client {
         window = XCreateWindow(d, connection.root(), -10, -10, 1, 1, 0, CopyFromParent, InputOnly, CopyFromParent,
                                CWEventMask, &attributes);
         XStoreName(d, window, "Sprelio clipboard");
-        clipboard = XInternAtom(d, "CLIPBOARD", False);
-        targetsAtom = XInternAtom(d, "TARGETS", False);
-        timestampAtom = XInternAtom(d, "TIMESTAMP", False);
-        utf8String = XInternAtom(d, "UTF8_STRING", False);
-        textAtom = XInternAtom(d, "TEXT", False);
-        textPlainUtf8 = XInternAtom(d, "text/plain;charset=utf-8", False);
-        incr = XInternAtom(d, "INCR", False);
-        passwordHint = XInternAtom(d, "x-kde-passwordManagerHint", False);
-        timestampProperty = XInternAtom(d, "SPRELIO_TIMESTAMP", False);
-        for (int i = 0; i < kReadProperties; ++i)
-            readProperties[i] = XInternAtom(d, ("SPRELIO_SELECTION_" + std::to_string(i)).c_str(), False);
+        (void)connection.atoms(); // interned now, with the rest of the set-up
         hasXRes = x11::hasClientProcesses(d);
         // One request must carry a whole non-incremental answer, with room for the request's own header.
         long maxRequest = XExtendedMaxRequestSize(d);
@@ -98,17 +86,22 @@ struct X11Clipboard::Impl final : x11::Connection::Client {
         XSync(d, False);
     }
 
+    // Under the lock, on an open connection.
+    const x11::Atoms& atoms() const { return connection.atoms(); }
+    // What a read asks the owner for, best first.
+    std::vector<Atom> textTargets() const { return {atoms().utf8String, atoms().textPlainUtf8, XA_STRING}; }
+
     // ---- Timestamps and ownership ----
 
     // The server's time now: the time stamp of a zero-length change to a property of our own window.
     Time serverTimeLocked() {
         Display* d = connection.display();
-        XChangeProperty(d, window, timestampProperty, XA_STRING, 8, PropModeAppend, nullptr, 0);
+        XChangeProperty(d, window, atoms().sprelioTimestamp, XA_STRING, 8, PropModeAppend, nullptr, 0);
         XEvent event;
         struct Match {
             Window window;
             Atom property;
-        } match{window, timestampProperty};
+        } match{window, atoms().sprelioTimestamp};
         XIfEvent(
             d, &event,
             [](Display*, XEvent* e, XPointer arg) -> Bool {
@@ -121,7 +114,7 @@ struct X11Clipboard::Impl final : x11::Connection::Client {
     }
 
     bool ownsClipboardLocked() const {
-        return connection.isOpen() && XGetSelectionOwner(connection.display(), clipboard) == window;
+        return connection.isOpen() && XGetSelectionOwner(connection.display(), atoms().clipboard) == window;
     }
 
     // ---- Reading ----
@@ -138,7 +131,7 @@ struct X11Clipboard::Impl final : x11::Connection::Client {
                 finishFrontLocked(std::nullopt);
                 continue;
             }
-            read.property = readProperties[nextReadProperty];
+            read.property = atoms().sprelioSelection[nextReadProperty];
             nextReadProperty = (nextReadProperty + 1) % kReadProperties;
             XDeleteProperty(connection.display(), window, read.property);
             XConvertSelection(connection.display(), read.selection, read.targets[read.targetIndex], read.property,
@@ -181,7 +174,7 @@ struct X11Clipboard::Impl final : x11::Connection::Client {
             finishFrontLocked(std::nullopt);
             return;
         }
-        if (value->type == incr) {
+        if (value->type == atoms().incr) {
             // Deleting the INCR property (done above) asks the owner for the first piece.
             read.incremental = true;
             read.received.clear();
@@ -228,7 +221,7 @@ struct X11Clipboard::Impl final : x11::Connection::Client {
         reply.xselection.property = None;
         reply.xselection.time = request.time;
         const Atom property = request.property == None ? request.target : request.property;
-        const bool ours = ownedText && request.selection == clipboard &&
+        const bool ours = ownedText && request.selection == atoms().clipboard &&
                           (request.time == CurrentTime || request.time >= ownedSince);
         if (ours) {
             auto errors = x11::checked(d, [&] {
@@ -246,31 +239,32 @@ struct X11Clipboard::Impl final : x11::Connection::Client {
 
     bool answerLocked(Window requestor, Atom property, Atom target) {
         Display* d = connection.display();
-        if (target == targetsAtom) {
-            const Atom offered[] = {targetsAtom, timestampAtom, utf8String, textPlainUtf8, XA_STRING, textAtom,
-                                    passwordHint};
+        const x11::Atoms& a = atoms();
+        if (target == a.targets) {
+            const Atom offered[] = {a.targets, a.timestamp, a.utf8String, a.textPlainUtf8, XA_STRING, a.text,
+                                    a.passwordManagerHint};
             XChangeProperty(d, requestor, property, XA_ATOM, 32, PropModeReplace,
                             reinterpret_cast<const unsigned char*>(offered), static_cast<int>(std::size(offered)));
             return true;
         }
-        if (target == timestampAtom) {
+        if (target == a.timestamp) {
             const long time = static_cast<long>(ownedSince);
             XChangeProperty(d, requestor, property, XA_INTEGER, 32, PropModeReplace,
                             reinterpret_cast<const unsigned char*>(&time), 1);
             return true;
         }
-        if (target == passwordHint) {
+        if (target == a.passwordManagerHint) {
             static const std::string secret = "secret";
-            XChangeProperty(d, requestor, property, passwordHint, 8, PropModeReplace,
+            XChangeProperty(d, requestor, property, a.passwordManagerHint, 8, PropModeReplace,
                             reinterpret_cast<const unsigned char*>(secret.data()), static_cast<int>(secret.size()));
             return true;
         }
-        if (target == utf8String || target == textAtom) {
-            sendTextLocked(requestor, property, utf8String, ownedText);
+        if (target == a.utf8String || target == a.text) {
+            sendTextLocked(requestor, property, a.utf8String, ownedText);
             return true;
         }
-        if (target == textPlainUtf8) {
-            sendTextLocked(requestor, property, textPlainUtf8, ownedText);
+        if (target == a.textPlainUtf8) {
+            sendTextLocked(requestor, property, a.textPlainUtf8, ownedText);
             return true;
         }
         if (target == XA_STRING) {
@@ -291,8 +285,8 @@ struct X11Clipboard::Impl final : x11::Connection::Client {
         // Incremental: announce the size; each deletion of the property by the requestor asks for the next piece.
         XSelectInput(d, requestor, PropertyChangeMask);
         const long size = static_cast<long>(data->size());
-        XChangeProperty(d, requestor, property, incr, 32, PropModeReplace, reinterpret_cast<const unsigned char*>(&size),
-                        1);
+        XChangeProperty(d, requestor, property, atoms().incr, 32, PropModeReplace,
+                        reinterpret_cast<const unsigned char*>(&size), 1);
         dropTransfer(requestor, property);
         transfers.push_back(Transfer{requestor, property, type, std::move(data), 0,
                                      Clock::now() + kTransferTimeout});
@@ -364,7 +358,7 @@ struct X11Clipboard::Impl final : x11::Connection::Client {
             break;
         case SelectionClear:
             // A clear older than our latest ownership belongs to an ownership we have already taken back.
-            if (event.xselectionclear.window == window && event.xselectionclear.selection == clipboard &&
+            if (event.xselectionclear.window == window && event.xselectionclear.selection == atoms().clipboard &&
                 event.xselectionclear.time >= ownedSince)
                 ownedText.reset();
             break;
@@ -407,11 +401,11 @@ struct X11Clipboard::Impl final : x11::Connection::Client {
 
     template <typename T>
     std::function<void(T)> onMainLoop(std::function<void(T)> completion) {
-        std::weak_ptr<bool> weak = alive;
+        const auto alive = lifetime.token();
         MainLoop& mainLoop = loop;
-        return [&mainLoop, weak, completion = std::move(completion)](T value) mutable {
-            mainLoop.post([weak, completion, value = std::move(value)]() mutable {
-                if (weak.lock()) completion(std::move(value));
+        return [&mainLoop, alive, completion = std::move(completion)](T value) mutable {
+            mainLoop.post([alive, completion, value = std::move(value)]() mutable {
+                if (alive) completion(std::move(value));
             });
         };
     }
@@ -430,7 +424,7 @@ X11Clipboard::X11Clipboard(MainLoop& loop, const std::string& displayName)
 
 X11Clipboard::~X11Clipboard() {
     impl_->connection.stop();
-    *impl_->alive = false;
+    impl_->lifetime.expire();
 }
 
 bool X11Clipboard::isAvailable() const { return impl_->connection.isOpen(); }
@@ -450,7 +444,7 @@ bool X11Clipboard::setString(const std::string& text) {
     }
     auto lock = d.connection.lock();
     const Time time = d.serverTimeLocked();
-    XSetSelectionOwner(d.connection.display(), d.clipboard, d.window, time);
+    XSetSelectionOwner(d.connection.display(), d.atoms().clipboard, d.window, time);
     if (!d.ownsClipboardLocked()) {
         logError("X11Clipboard.setString() - the X server did not give us the clipboard");
         return false;
@@ -465,7 +459,7 @@ void X11Clipboard::clearContents() {
     if (!d.connection.isOpen()) return;
     auto lock = d.connection.lock();
     const Time time = d.serverTimeLocked();
-    XSetSelectionOwner(d.connection.display(), d.clipboard, None, time);
+    XSetSelectionOwner(d.connection.display(), d.atoms().clipboard, None, time);
     d.ownedText.reset();
     d.ownedSince = time;
 }
@@ -478,7 +472,7 @@ void X11Clipboard::readString(TextCompletion completion) {
         return;
     }
     auto lock = d.connection.lock();
-    const Window owner = XGetSelectionOwner(d.connection.display(), d.clipboard);
+    const Window owner = XGetSelectionOwner(d.connection.display(), d.atoms().clipboard);
     if (owner == None) {
         done(std::nullopt);
         return;
@@ -488,8 +482,8 @@ void X11Clipboard::readString(TextCompletion completion) {
         return;
     }
     Impl::Read read;
-    read.selection = d.clipboard;
-    read.targets = {d.utf8String, d.textPlainUtf8, XA_STRING};
+    read.selection = d.atoms().clipboard;
+    read.targets = d.textTargets();
     read.done = std::move(done);
     d.enqueueRead(std::move(read));
 }
@@ -510,7 +504,7 @@ void X11Clipboard::readSelectedText(SelectionCompletion completion) {
     const auto pid = d.ownerPidLocked(owner);
     Impl::Read read;
     read.selection = XA_PRIMARY;
-    read.targets = {d.utf8String, d.textPlainUtf8, XA_STRING};
+    read.targets = d.textTargets();
     read.done = [done = std::move(done), pid](std::optional<std::string> text) {
         if (!text) done(std::nullopt);
         else done(SelectedText{std::move(*text), pid});

@@ -11,7 +11,7 @@
 
 #include <algorithm>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/linux/X11Errors.h"
 
 namespace sprelio::platform::x11 {
@@ -38,6 +38,11 @@ Connection::~Connection() {
     if (display_ && !dead_) XCloseDisplay(display_);
     for (int fd : wakePipe_)
         if (fd >= 0) ::close(fd);
+}
+
+const Atoms& Connection::atoms() const {
+    if (!atoms_) atoms_ = Atoms::intern(display_);
+    return *atoms_;
 }
 
 void Connection::start(Client& client) {
@@ -133,6 +138,9 @@ std::optional<Property> readProperty(Display* display, Window window, Atom prope
             XFree(data);
         }
         if (after == 0) break;
+        // A property of another type than the one asked for answers with its length and no data, and would answer
+        // the same again and again.
+        if (items == 0) return std::nullopt;
         offset += static_cast<long>(items * static_cast<unsigned long>(actualFormat) / 32);
     }
     if (remove) XDeleteProperty(display, window, property);

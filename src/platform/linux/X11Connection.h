@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/linux/X11Atoms.h"
+
 namespace sprelio::platform::x11 {
 
 class Connection {
@@ -43,6 +45,8 @@ public:
     // Only under lock().
     Display* display() const { return display_; }
     Window root() const { return root_; }
+    // Only under lock(), on an open connection. Interned on first use, once for the connection.
+    const Atoms& atoms() const;
 
     // Starts the reader thread. `client` must stay alive until stop() (or the destructor) returns.
     void start(Client& client);
@@ -82,6 +86,7 @@ private:
     std::string name_;
     Display* display_ = nullptr;
     Window root_ = 0;
+    mutable std::optional<Atoms> atoms_;
     std::mutex mutex_;
     std::atomic<bool> dead_{false};
     std::atomic<bool> stopping_{false};
@@ -91,7 +96,8 @@ private:
 };
 
 // Reads a whole property; the data comes back as bytes (format 8), longs (format 32, as `long` per item, the Xlib
-// convention) or shorts. Nothing when the property does not exist or the window is gone.
+// convention) or shorts. Nothing when the property does not exist, the window is gone, or the property holds data
+// of another type than the one asked for.
 struct Property {
     Atom type = None;
     int format = 0;

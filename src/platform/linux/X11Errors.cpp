@@ -3,7 +3,7 @@
 #include <mutex>
 #include <string>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::platform::x11 {
 

@@ -18,7 +18,7 @@
 #include <string_view>
 #include <thread>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/linux/X11Errors.h"
 #include "platform/linux/X11KeyTables.h"
 

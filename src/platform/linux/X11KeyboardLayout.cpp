@@ -11,7 +11,7 @@
 #include <set>
 #include <vector>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/linux/X11Connection.h"
 #include "platform/linux/X11KeyTables.h"
 
@@ -81,7 +81,7 @@ struct X11KeyboardLayout::Impl final : x11::Connection::Client {
         XkbSelectEvents(d, XkbUseCoreKbd, changes, changes);
         XkbSelectEventDetails(d, XkbUseCoreKbd, XkbStateNotify, XkbGroupStateMask, XkbGroupStateMask);
         // setxkbmap names the layouts on the root window after it has loaded the keymap.
-        rulesNames = XInternAtom(d, "_XKB_RULES_NAMES", False);
+        rulesNames = connection.atoms().xkbRulesNames;
         XSelectInput(d, connection.root(), PropertyChangeMask);
         loadLocked();
         XSync(d, False);

@@ -16,7 +16,7 @@
 #include <unordered_map>
 #include <variant>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/linux/X11Connection.h"
 #include "platform/linux/X11GlobalInput.h"
 #include "platform/linux/X11KeyTables.h"

@@ -9,7 +9,7 @@
 #include <deque>
 #include <vector>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/linux/X11Connection.h"
 #include "platform/linux/X11Errors.h"
 
@@ -20,8 +20,6 @@ struct X11Workspace::Impl final : x11::Connection::Client {
     std::shared_ptr<ActivationHandler> handler = std::make_shared<ActivationHandler>();
     x11::Connection connection;
     bool hasXRes = false;
-    Atom netActiveWindow = None, netWmPid = None, gtkApplicationId = None, kdeDesktopFile = None, netWmName = None,
-         netClientList = None, netSupportingWmCheck = None, wmState = None;
     Window lastActive = None;
     std::string ownBundleIdentifier;
 
@@ -31,24 +29,21 @@ struct X11Workspace::Impl final : x11::Connection::Client {
         if (!connection.isOpen()) return;
         auto lock = connection.lock();
         Display* d = connection.display();
-        netActiveWindow = XInternAtom(d, "_NET_ACTIVE_WINDOW", False);
-        netWmPid = XInternAtom(d, "_NET_WM_PID", False);
-        gtkApplicationId = XInternAtom(d, "_GTK_APPLICATION_ID", False);
-        kdeDesktopFile = XInternAtom(d, "_KDE_NET_WM_DESKTOP_FILE", False);
-        netWmName = XInternAtom(d, "_NET_WM_NAME", False);
-        netClientList = XInternAtom(d, "_NET_CLIENT_LIST", False);
-        netSupportingWmCheck = XInternAtom(d, "_NET_SUPPORTING_WM_CHECK", False);
-        wmState = XInternAtom(d, "WM_STATE", False);
+        (void)connection.atoms(); // interned now, with the rest of the set-up
         hasXRes = x11::hasClientProcesses(d);
         XSelectInput(d, connection.root(), PropertyChangeMask);
         lastActive = activeWindowLocked();
         XSync(d, False);
     }
 
+    // Under the lock, on an open connection.
+    const x11::Atoms& atoms() const { return connection.atoms(); }
+
     // ---- Reading windows ----
 
     bool windowManagerRunsLocked() const {
-        auto check = x11::readProperty(connection.display(), connection.root(), netSupportingWmCheck, false, XA_WINDOW);
+        auto check =
+            x11::readProperty(connection.display(), connection.root(), atoms().netSupportingWmCheck, false, XA_WINDOW);
         return check && !check->longs.empty() && check->longs.front() != 0;
     }
 
@@ -79,7 +74,7 @@ struct X11Workspace::Impl final : x11::Connection::Client {
 
     Window activeWindowLocked() const {
         Display* d = connection.display();
-        if (auto active = x11::readProperty(d, connection.root(), netActiveWindow, false, XA_WINDOW);
+        if (auto active = x11::readProperty(d, connection.root(), atoms().netActiveWindow, false, XA_WINDOW);
             active && !active->longs.empty())
             return static_cast<Window>(active->longs.front()); // None when the manager says nothing is active
         // No manager keeps the property: the focus window, up to the application's top-level window.
@@ -102,7 +97,8 @@ struct X11Workspace::Impl final : x11::Connection::Client {
 
     std::optional<pid_t> pidLocked(Window window) const {
         Display* d = connection.display();
-        if (auto pid = x11::readCardinal(d, window, netWmPid); pid && *pid > 0) return static_cast<pid_t>(*pid);
+        if (auto pid = x11::readCardinal(d, window, atoms().netWmPid); pid && *pid > 0)
+            return static_cast<pid_t>(*pid);
         if (!hasXRes) return std::nullopt;
         return x11::clientProcess(d, window);
     }
@@ -126,12 +122,13 @@ struct X11Workspace::Impl final : x11::Connection::Client {
         if (!className && !pid) return std::nullopt; // not an application window, or gone
         app.processIdentifier = pid.value_or(0);
         app.localizedName = className;
-        if (auto id = x11::readTextProperty(d, window, gtkApplicationId); id && !id->empty()) app.bundleIdentifier = *id;
-        else if (auto file = x11::readTextProperty(d, window, kdeDesktopFile); file && !file->empty())
+        if (auto id = x11::readTextProperty(d, window, atoms().gtkApplicationId); id && !id->empty())
+            app.bundleIdentifier = *id;
+        else if (auto file = x11::readTextProperty(d, window, atoms().kdeNetWmDesktopFile); file && !file->empty())
             app.bundleIdentifier = *file;
         else app.bundleIdentifier = className.value_or("");
         if (!ownBundleIdentifier.empty() && pid && *pid == ::getpid()) app.bundleIdentifier = ownBundleIdentifier;
-        if (auto title = x11::readTextProperty(d, window, netWmName)) app.windowTitle = *title;
+        if (auto title = x11::readTextProperty(d, window, atoms().netWmName)) app.windowTitle = *title;
         else if (auto name = x11::readTextProperty(d, window, XA_WM_NAME)) app.windowTitle = *name;
         return app;
     }
@@ -139,7 +136,7 @@ struct X11Workspace::Impl final : x11::Connection::Client {
     std::vector<Window> topLevelWindowsLocked() const {
         Display* d = connection.display();
         std::vector<Window> windows;
-        if (auto list = x11::readProperty(d, connection.root(), netClientList, false, XA_WINDOW)) {
+        if (auto list = x11::readProperty(d, connection.root(), atoms().netClientList, false, XA_WINDOW)) {
             for (long w : list->longs) windows.push_back(static_cast<Window>(w));
             return windows;
         }
@@ -157,7 +154,7 @@ struct X11Workspace::Impl final : x11::Connection::Client {
 
     void handleEvent(XEvent& event) override {
         if (event.type != PropertyNotify || event.xproperty.window != connection.root() ||
-            event.xproperty.atom != netActiveWindow)
+            event.xproperty.atom != atoms().netActiveWindow)
             return;
         const Window active = activeWindowLocked();
         if (active == lastActive) return;
@@ -210,7 +207,7 @@ bool X11Workspace::activate(const RunningApplication& app, unsigned /*options*/)
             XEvent event{};
             event.xclient.type = ClientMessage;
             event.xclient.window = target;
-            event.xclient.message_type = d.netActiveWindow;
+            event.xclient.message_type = d.atoms().netActiveWindow;
             event.xclient.format = 32;
             event.xclient.data.l[0] = 2;
             event.xclient.data.l[1] = CurrentTime;

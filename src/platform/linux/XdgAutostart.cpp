@@ -2,7 +2,7 @@
 
 #include <system_error>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "store/AtomicFile.h"
 
 namespace sprelio::platform {

@@ -6,54 +6,24 @@ namespace sprelio::platform {
 
 using SteadyClock = std::chrono::steady_clock;
 
-struct RealTimeLoop::LoopTimer final : Timer {
-    RealTimeLoop* loop;
-    SteadyClock::time_point due;
-    std::uint64_t sequence;
-    Task task;
-    bool valid = true;
-
-    LoopTimer(RealTimeLoop* l, SteadyClock::time_point d, std::uint64_t s, Task t)
-        : loop(l), due(d), sequence(s), task(std::move(t)) {}
-    void invalidate() override {
-        std::lock_guard lock(loop->mutex_);
-        valid = false;
-    }
-    bool isValid() const override {
-        std::lock_guard lock(loop->mutex_);
-        return valid;
-    }
-    Duration remaining() const override {
-        std::lock_guard lock(loop->mutex_);
-        if (!valid) return Duration{0};
-        auto left = due - SteadyClock::now();
-        return left > Duration{0} ? std::chrono::duration_cast<Duration>(left) : Duration{0};
-    }
-};
-
 RealTimeLoop::RealTimeLoop() : thread_(std::this_thread::get_id()) {}
 
-RealTimeLoop::~RealTimeLoop() {
-    // Timers may outlive the loop in their holders' hands; make them inert.
-    std::lock_guard lock(mutex_);
-    for (auto& t : timers_) t->valid = false;
-}
+// The timer queue makes the timers that outlive the loop in their holders' hands inert.
+RealTimeLoop::~RealTimeLoop() = default;
 
 void RealTimeLoop::post(Task task) {
     {
-        std::lock_guard lock(mutex_);
+        std::lock_guard lock(timers_.mutex());
         tasks_.push_back(std::move(task));
     }
     wake_.notify_one();
 }
 
 std::shared_ptr<Timer> RealTimeLoop::schedule(Duration delay, Task task) {
-    std::shared_ptr<LoopTimer> timer;
+    std::shared_ptr<Timer> timer;
     {
-        std::lock_guard lock(mutex_);
-        timer = std::make_shared<LoopTimer>(this, SteadyClock::now() + std::max(delay, Duration{0}), sequence_++,
-                                            std::move(task));
-        timers_.push_back(timer);
+        std::lock_guard lock(timers_.mutex());
+        timer = timers_.add(delay, std::move(task));
     }
     wake_.notify_one();
     return timer;
@@ -64,7 +34,7 @@ bool RealTimeLoop::isMainThread() const { return std::this_thread::get_id() == t
 bool RealTimeLoop::runOnce(SteadyClock::time_point deadline) {
     Task task;
     {
-        std::unique_lock lock(mutex_);
+        std::unique_lock lock(timers_.mutex());
         for (;;) {
             if (quit_) return false;
             if (!tasks_.empty()) {
@@ -72,18 +42,13 @@ bool RealTimeLoop::runOnce(SteadyClock::time_point deadline) {
                 tasks_.pop_front();
                 break;
             }
-            std::erase_if(timers_, [](const auto& t) { return !t->valid; });
-            auto next = std::min_element(timers_.begin(), timers_.end(), [](const auto& a, const auto& b) {
-                return a->due < b->due || (a->due == b->due && a->sequence < b->sequence);
-            });
-            auto now = SteadyClock::now();
-            if (next != timers_.end() && (*next)->due <= now) {
-                (*next)->valid = false;
-                task = std::move((*next)->task);
+            const auto now = SteadyClock::now();
+            if (auto fired = timers_.takeDue(now)) {
+                task = std::move(fired->task);
                 break;
             }
             auto wakeAt = deadline;
-            if (next != timers_.end()) wakeAt = std::min(wakeAt, (*next)->due);
+            if (auto due = timers_.nextDue()) wakeAt = std::min(wakeAt, *due);
             if (now >= deadline) return false;
             wake_.wait_until(lock, wakeAt);
         }

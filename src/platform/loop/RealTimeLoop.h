@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/MainLoop.h"
+#include "platform/TimerQueue.h"
 
 namespace sprelio::platform {
 
@@ -28,14 +29,12 @@ public:
     void quit();
 
 private:
-    struct LoopTimer;
     bool runOnce(std::chrono::steady_clock::time_point deadline);
 
-    mutable std::mutex mutex_;
+    // Its mutex is the loop's.
+    TimerQueue<std::chrono::steady_clock::time_point> timers_{[] { return std::chrono::steady_clock::now(); }};
     std::condition_variable wake_;
     std::deque<Task> tasks_;
-    std::vector<std::shared_ptr<LoopTimer>> timers_;
-    std::uint64_t sequence_ = 0;
     std::atomic<bool> quit_{false};
     std::atomic<std::thread::id> thread_;
 };

@@ -6,7 +6,7 @@
 #include <QProcess>
 #include <QUrl>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::platform {
 

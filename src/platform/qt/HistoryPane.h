@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "diagnostics/HistoryViewModel.h"
+#include "ui/HistoryViewModel.h"
 
 class QPushButton;
 class QScrollArea;

@@ -2,7 +2,7 @@
 
 #include <QDBusError>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::platform {
 

@@ -14,7 +14,7 @@
 #include <QVBoxLayout>
 #include <QWindow>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/qt/HistoryPane.h"
 #include "platform/qt/MainWindowPanes.h"
 #include "platform/qt/QtScreens.h"

@@ -9,8 +9,8 @@
 #include <memory>
 #include <string_view>
 
-#include "core/AppActivity.h"
-#include "core/AppState.h"
+#include "shared/AppActivity.h"
+#include "shared/AppState.h"
 #include "platform/Clock.h"
 #include "platform/FrontmostApp.h"
 #include "platform/MainLoop.h"

@@ -16,7 +16,7 @@
 #include <QVBoxLayout>
 
 #include "audio/RecordingsFolderChooser.h"
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "input/Key.h"
 #include "platform/Sounds.h"
 #include "platform/qt/QtStatusItem.h"

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "core/AppActivity.h"
-#include "core/AppState.h"
+#include "shared/AppActivity.h"
+#include "shared/AppState.h"
 #include "ui/SettingsPaneItems.h"
 
 class QCheckBox;

@@ -6,7 +6,7 @@
 #include <QPushButton>
 #include <QVBoxLayout>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/qt/QtScreens.h"
 #include "store/Settings.h"
 

@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "ui/ResultsWindow.h"
+#include "ai/ResultsWindow.h"
 
 class QPlainTextEdit;
 class QPushButton;

@@ -10,7 +10,7 @@
 #include <QSystemTrayIcon>
 #include <cmath>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "ui/AppMenuBar.h"
 
 namespace sprelio::platform {

@@ -7,7 +7,7 @@
 #include <QScrollArea>
 #include <QVBoxLayout>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/qt/QtScreens.h"
 
 namespace sprelio::platform {

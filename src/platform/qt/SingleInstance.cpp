@@ -4,7 +4,7 @@
 #include <QLocalSocket>
 #include <unistd.h>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 
 namespace sprelio::platform {
 

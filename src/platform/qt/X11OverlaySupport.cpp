@@ -7,7 +7,8 @@
 #include <X11/Xlib.h>
 #include <X11/extensions/shape.h>
 
-#include <string>
+#include "platform/linux/X11Atoms.h"
+#include "platform/linux/X11Connection.h"
 
 namespace sprelio::platform::x11overlay {
 
@@ -20,22 +21,15 @@ Display* display() {
     return x11 ? x11->display() : nullptr;
 }
 
-// One property of 32-bit items; empty when the window has none.
-std::vector<unsigned long> cardinals(Display* dpy, Window window, Atom property, Atom type) {
-    Atom actualType = 0;
-    int actualFormat = 0;
-    unsigned long count = 0, remaining = 0;
-    unsigned char* data = nullptr;
-    std::vector<unsigned long> values;
-    if (XGetWindowProperty(dpy, window, property, 0, 1 << 16, False, type, &actualType, &actualFormat, &count,
-                           &remaining, &data) == Success &&
-        data && actualFormat == 32) {
-        // Xlib hands 32-bit items over as longs.
-        const auto* items = reinterpret_cast<const unsigned long*>(data);
-        values.assign(items, items + count);
+// Qt keeps one display connection for the application's life; its atoms are interned on first use.
+const x11::Atoms& atoms(Display* dpy) {
+    static Display* internedFor = nullptr;
+    static x11::Atoms table;
+    if (internedFor != dpy) {
+        table = x11::Atoms::intern(dpy);
+        internedFor = dpy;
     }
-    if (data) XFree(data);
-    return values;
+    return table;
 }
 
 } // namespace
@@ -63,9 +57,7 @@ bool setInputShape(WId window, const std::vector<QRect>& rectangles) {
 bool compositorRunning() {
     Display* dpy = display();
     if (!dpy) return false;
-    const std::string name = "_NET_WM_CM_S" + std::to_string(DefaultScreen(dpy));
-    const Atom selection = XInternAtom(dpy, name.c_str(), False);
-    return XGetSelectionOwner(dpy, selection) != 0;
+    return XGetSelectionOwner(dpy, atoms(dpy).netWmCmSelection) != 0;
 }
 
 std::vector<ClientWindow> clientWindowsFrontToBack() {
@@ -73,16 +65,17 @@ std::vector<ClientWindow> clientWindowsFrontToBack() {
     Display* dpy = display();
     if (!dpy) return result;
     const Window root = DefaultRootWindow(dpy);
-    const Atom stacking = XInternAtom(dpy, "_NET_CLIENT_LIST_STACKING", False);
-    const Atom pidAtom = XInternAtom(dpy, "_NET_WM_PID", False);
-    auto windows = cardinals(dpy, root, stacking, XA_WINDOW);
+    const x11::Atoms& names = atoms(dpy);
+    std::vector<long> windows;
+    if (auto list = x11::readProperty(dpy, root, names.netClientListStacking, false, XA_WINDOW);
+        list && list->format == 32)
+        windows = std::move(list->longs);
     // A window may go away between the list and the questions about it: the failed request answers nothing, and
     // the process's error handlers (Qt's, or the shared ones of the X11 adapters) never end the process for it.
     for (auto it = windows.rbegin(); it != windows.rend(); ++it) {
         const auto window = static_cast<Window>(*it);
         ClientWindow client;
-        const auto pid = cardinals(dpy, window, pidAtom, XA_CARDINAL);
-        if (!pid.empty()) client.pid = static_cast<pid_t>(pid.front());
+        if (const auto pid = x11::readCardinal(dpy, window, names.netWmPid)) client.pid = static_cast<pid_t>(*pid);
         XWindowAttributes attributes{};
         if (XGetWindowAttributes(dpy, window, &attributes) && attributes.map_state == IsViewable) {
             int x = 0, y = 0;

@@ -11,56 +11,51 @@ std::string comboText(const KeyCombination& c) {
 Error grabError(const std::string& what) {
     return Error{"GlobalInput", 10, what + " is already grabbed by another client", {}};
 }
+
+// A key types the same text with and without its modifiers here; a flags change types none.
+GlobalInputEvent keyEvent(int type, std::uint16_t keyCode, std::uint64_t flags, std::optional<std::string> characters) {
+    GlobalInputEvent e;
+    e.type = type;
+    e.keyCode = keyCode;
+    e.flags = flags;
+    e.characters = characters;
+    e.charactersIgnoringModifiers = std::move(characters);
+    return e;
+}
+
+// NSEvent button numbers: 0 left, 1 right, 2 and up the others.
+GlobalInputEvent mouseEvent(std::int64_t button, bool down, double timestamp) {
+    namespace type = global_event_type;
+    GlobalInputEvent e;
+    if (button == 0) e.type = down ? type::kLeftMouseDown : type::kLeftMouseUp;
+    else if (button == 1) e.type = down ? type::kRightMouseDown : type::kRightMouseUp;
+    else e.type = down ? type::kOtherMouseDown : type::kOtherMouseUp;
+    e.buttonNumber = button;
+    e.timestamp = timestamp;
+    return e;
+}
 } // namespace
 
 bool FakeGlobalInput::inject(const GlobalInputEvent& event) { return handler_ ? handler_(event) : false; }
 
 bool FakeGlobalInput::keyDown(std::uint16_t keyCode, std::uint64_t flags, std::optional<std::string> characters) {
-    GlobalInputEvent e;
-    e.type = global_event_type::kKeyDown;
-    e.keyCode = keyCode;
-    e.flags = flags;
-    e.characters = characters;
-    e.charactersIgnoringModifiers = characters;
-    return inject(e);
+    return inject(keyEvent(global_event_type::kKeyDown, keyCode, flags, std::move(characters)));
 }
 
 bool FakeGlobalInput::keyUp(std::uint16_t keyCode, std::uint64_t flags, std::optional<std::string> characters) {
-    GlobalInputEvent e;
-    e.type = global_event_type::kKeyUp;
-    e.keyCode = keyCode;
-    e.flags = flags;
-    e.characters = characters;
-    e.charactersIgnoringModifiers = characters;
-    return inject(e);
+    return inject(keyEvent(global_event_type::kKeyUp, keyCode, flags, std::move(characters)));
 }
 
 bool FakeGlobalInput::flagsChanged(std::uint16_t keyCode, std::uint64_t flags) {
-    GlobalInputEvent e;
-    e.type = global_event_type::kFlagsChanged;
-    e.keyCode = keyCode;
-    e.flags = flags;
-    return inject(e);
+    return inject(keyEvent(global_event_type::kFlagsChanged, keyCode, flags, std::nullopt));
 }
 
 bool FakeGlobalInput::mouseDown(std::int64_t button, double timestamp) {
-    GlobalInputEvent e;
-    e.type = button == 0 ? global_event_type::kLeftMouseDown
-             : button == 1 ? global_event_type::kRightMouseDown
-                           : global_event_type::kOtherMouseDown;
-    e.buttonNumber = button;
-    e.timestamp = timestamp;
-    return inject(e);
+    return inject(mouseEvent(button, true, timestamp));
 }
 
 bool FakeGlobalInput::mouseUp(std::int64_t button, double timestamp) {
-    GlobalInputEvent e;
-    e.type = button == 0 ? global_event_type::kLeftMouseUp
-             : button == 1 ? global_event_type::kRightMouseUp
-                           : global_event_type::kOtherMouseUp;
-    e.buttonNumber = button;
-    e.timestamp = timestamp;
-    return inject(e);
+    return inject(mouseEvent(button, false, timestamp));
 }
 
 std::optional<Error> FakeGlobalInput::grabKey(std::uint16_t keyCode) {
@@ -123,18 +118,17 @@ void FakeGlobalInput::selectInputSource(int source) {
 }
 
 bool FakeGlobalInput::pressHotKey(const KeyCombination& combination) {
-    for (auto& [id, hotKey] : hotKeys_)
-        if (hotKey.combination == combination) {
-            if (hotKey.pressed) hotKey.pressed();
-            return true;
-        }
-    return false;
+    return runHotKey(combination, &HotKey::pressed);
 }
 
 bool FakeGlobalInput::releaseHotKey(const KeyCombination& combination) {
+    return runHotKey(combination, &HotKey::released);
+}
+
+bool FakeGlobalInput::runHotKey(const KeyCombination& combination, std::function<void()> HotKey::*handler) {
     for (auto& [id, hotKey] : hotKeys_)
         if (hotKey.combination == combination) {
-            if (hotKey.released) hotKey.released();
+            if (hotKey.*handler) (hotKey.*handler)();
             return true;
         }
     return false;

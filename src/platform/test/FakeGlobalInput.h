@@ -59,6 +59,8 @@ private:
         std::function<void()> pressed;
         std::function<void()> released;
     };
+    // Runs the press or release handler of the registered combination; false when none is registered.
+    bool runHotKey(const KeyCombination& combination, std::function<void()> HotKey::*handler);
     EventHandler handler_;
     std::set<std::uint16_t> grabbedKeys_;
     std::set<std::int64_t> grabbedButtons_;

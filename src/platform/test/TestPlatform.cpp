@@ -6,46 +6,21 @@
 
 namespace sprelio::platform::test {
 
-struct VirtualLoop::VirtualTimer final : Timer {
-    VirtualLoop* loop;
-    Duration due;
-    std::uint64_t sequence;
-    Task task;
-    bool valid = true;
-
-    VirtualTimer(VirtualLoop* l, Duration d, std::uint64_t s, Task t) : loop(l), due(d), sequence(s), task(std::move(t)) {}
-    void invalidate() override {
-        std::lock_guard lock(loop->mutex_);
-        valid = false;
-    }
-    bool isValid() const override {
-        std::lock_guard lock(loop->mutex_);
-        return valid;
-    }
-    Duration remaining() const override {
-        std::lock_guard lock(loop->mutex_);
-        if (!valid) return Duration{0};
-        auto left = due - loop->owner_.elapsed_;
-        return left > Duration{0} ? left : Duration{0};
-    }
-};
+VirtualLoop::VirtualLoop(TestPlatform& owner) : owner_(owner), timers_([&owner] { return owner.elapsed(); }) {}
 
 void VirtualLoop::post(Task task) {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(timers_.mutex());
     queue_.push_back({std::move(task), false});
 }
 
 void VirtualLoop::submit(Task task) {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(timers_.mutex());
     queue_.push_back({std::move(task), true});
 }
 
 std::shared_ptr<Timer> VirtualLoop::schedule(Duration delay, Task task) {
-    std::lock_guard lock(mutex_);
-    if (delay < Duration{0}) delay = Duration{0};
-    auto timer = std::make_shared<VirtualTimer>(this, owner_.elapsed_ + delay, timerSequence_++, std::move(task));
-    timers_.push_back(timer);
-    return timer;
+    std::lock_guard lock(timers_.mutex());
+    return timers_.add(delay, std::move(task));
 }
 
 bool VirtualLoop::isMainThread() const { return std::this_thread::get_id() == mainThread_; }
@@ -55,7 +30,7 @@ std::size_t VirtualLoop::runUntilIdle() {
     for (;;) {
         Task task;
         {
-            std::lock_guard lock(mutex_);
+            std::lock_guard lock(timers_.mutex());
             if (queue_.empty()) break;
             task = std::move(queue_.front().task);
             queue_.pop_front();
@@ -70,22 +45,14 @@ void VirtualLoop::advance(Duration by) {
     const Duration target = owner_.elapsed_ + by;
     runUntilIdle();
     for (;;) {
-        std::shared_ptr<VirtualTimer> next;
+        std::optional<TimerQueue<Duration>::Fired> next;
         {
-            std::lock_guard lock(mutex_);
-            std::erase_if(timers_, [](const auto& t) { return !t->valid; });
-            for (auto& t : timers_) {
-                if (t->due > target) continue;
-                if (!next || t->due < next->due || (t->due == next->due && t->sequence < next->sequence)) next = t;
-            }
-            if (next) {
-                next->valid = false;
-                if (next->due > owner_.elapsed_) owner_.elapsed_ = next->due;
-            }
+            std::lock_guard lock(timers_.mutex());
+            next = timers_.takeDue(target);
+            if (next && next->due > owner_.elapsed_) owner_.elapsed_ = next->due;
         }
         if (!next) break;
-        Task task = std::move(next->task);
-        task();
+        next->task();
         runUntilIdle();
     }
     owner_.elapsed_ = target;
@@ -93,12 +60,12 @@ void VirtualLoop::advance(Duration by) {
 }
 
 std::size_t VirtualLoop::pendingTimers() const {
-    std::lock_guard lock(mutex_);
-    return static_cast<std::size_t>(std::count_if(timers_.begin(), timers_.end(), [](const auto& t) { return t->valid; }));
+    std::lock_guard lock(timers_.mutex());
+    return timers_.pending();
 }
 
 std::size_t VirtualLoop::pendingTasks() const {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(timers_.mutex());
     return queue_.size();
 }
 

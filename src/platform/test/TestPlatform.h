@@ -11,8 +11,9 @@
 #include <thread>
 #include <vector>
 
-#include "diagnostics/Log.h"
+#include "base/Log.h"
 #include "platform/Platform.h"
+#include "platform/TimerQueue.h"
 
 namespace sprelio::platform::test {
 
@@ -20,7 +21,7 @@ class TestPlatform;
 
 class VirtualLoop final : public MainLoop, public WorkerPool {
 public:
-    explicit VirtualLoop(TestPlatform& owner) : owner_(owner) {}
+    explicit VirtualLoop(TestPlatform& owner);
     void post(Task task) override;
     std::shared_ptr<Timer> schedule(Duration delay, Task task) override;
     bool isMainThread() const override;
@@ -34,17 +35,14 @@ public:
     std::size_t pendingTasks() const;
 
 private:
-    struct VirtualTimer;
-    friend struct VirtualTimer;
     struct Queued {
         Task task;
         bool worker;
     };
     TestPlatform& owner_;
-    mutable std::mutex mutex_;
+    // Timers on the virtual time line; its mutex is the loop's.
+    TimerQueue<Duration> timers_;
     std::deque<Queued> queue_;
-    std::vector<std::shared_ptr<VirtualTimer>> timers_;
-    std::uint64_t timerSequence_ = 0;
     std::thread::id mainThread_ = std::this_thread::get_id();
 };
 
