@@ -14,16 +14,6 @@
 
 namespace sprelio {
 
-namespace {
-
-std::optional<std::filesystem::path> recordingOf(const store::LogEntry& entry) {
-    const auto url = entry.fileURL();
-    if (!url || url->empty()) return std::nullopt;
-    return store::AppConstants::pathFromFileURLOrPath(*url);
-}
-
-} // namespace
-
 MaintenanceManager::MaintenanceManager(store::PersistentContainer& container, const store::Settings& settings,
                                        const platform::Clock& clock, bool cleanupNow)
     : container_(container), settings_(settings), clock_(clock) {
@@ -83,7 +73,7 @@ void MaintenanceManager::historyCleanup() {
 
     context->performBlockAndWait([&] {
         for (const auto& entry : expired) {
-            if (auto file = recordingOf(*entry)) removeFileIfExists(*file);
+            if (auto file = entry->recordingPath()) removeFileIfExists(*file);
         }
         for (const auto& entry : expired) context->deleteObject(entry);
     });
@@ -139,7 +129,7 @@ void MaintenanceManager::removeLogEntry(const std::shared_ptr<store::LogEntry>& 
             logWarning("removeLogEntry() - LogEntry is already deleted, skipping");
             return;
         }
-        if (auto file = recordingOf(*entry)) {
+        if (auto file = entry->recordingPath()) {
             removeFile(*file);
         } else {
             logDebug("removeLogEntry() - no file URL for LogEntry: " + entry->objectIDString());

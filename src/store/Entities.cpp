@@ -1,6 +1,7 @@
 #include "store/Entities.h"
 
 #include "base/Log.h"
+#include "store/AppConstants.h"
 #include "store/DatabaseHelpers.h"
 
 namespace sprelio::store {
@@ -189,6 +190,11 @@ std::int64_t LogEntry::level() const { return integerAt(le::level); }
 void LogEntry::setLevel(std::int64_t value) { setIntegerAt(le::level, value); }
 std::optional<std::string> LogEntry::fileURL() const { return stringAt(le::fileURL); }
 void LogEntry::setFileURL(std::optional<std::string> value) { setStringAt(le::fileURL, std::move(value)); }
+std::optional<std::filesystem::path> LogEntry::recordingPath() const {
+    const auto url = fileURL();
+    if (!url || url->empty()) return std::nullopt;
+    return AppConstants::pathFromFileURLOrPath(*url);
+}
 std::optional<std::string> LogEntry::fileDurationString() const { return stringAt(le::fileDurationString); }
 void LogEntry::setFileDurationString(std::optional<std::string> value) {
     setStringAt(le::fileDurationString, std::move(value));

@@ -1,5 +1,6 @@
 #pragma once
 // The four stored entities of the "Persistence" model.
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -70,6 +71,8 @@ public:
     void setLevel(std::int64_t value);
     std::optional<std::string> fileURL() const; // absolute URL text, "file:///..."
     void setFileURL(std::optional<std::string> value);
+    // The recording as a path; nothing when the entry has none.
+    std::optional<std::filesystem::path> recordingPath() const;
     std::optional<std::string> fileDurationString() const;
     void setFileDurationString(std::optional<std::string> value);
     std::optional<Uuid> requestID() const;

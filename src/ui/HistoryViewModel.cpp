@@ -22,16 +22,6 @@
 
 namespace sprelio {
 
-namespace {
-
-std::optional<std::filesystem::path> recordingOf(const store::LogEntry& entry) {
-    const auto url = entry.fileURL();
-    if (!url || url->empty()) return std::nullopt;
-    return store::AppConstants::pathFromFileURLOrPath(*url);
-}
-
-} // namespace
-
 Error makeHistoryError(HistoryErrorCode code) {
     std::string text;
     switch (code) {
@@ -126,7 +116,7 @@ std::string HistoryViewModel::dateLine(const std::shared_ptr<store::LogEntry>& e
         duration = *cached;
     } else {
         // Entries of older versions have no cached duration: it is worked out once and kept.
-        duration = historyFileDurationString(recordingOf(*entry));
+        duration = historyFileDurationString(entry->recordingPath());
         entry->setFileDurationString(duration);
         logInfo("getAndStoreFormattedDuration() - called for logEntry: " + entry->description() +
                 " with duration: " + duration);
@@ -163,7 +153,7 @@ void HistoryViewModel::invalidateURL(const std::shared_ptr<store::LogEntry>& ent
 }
 
 void HistoryViewModel::retry(const std::shared_ptr<store::LogEntry>& entry, std::function<void(RetryResult)> done) {
-    const auto file = recordingOf(*entry);
+    const auto file = entry->recordingPath();
     const auto requestID = entry->requestID();
     if (!file || !requestID) {
         // Also with the file there and only the id missing: the link is given up all the same.
@@ -240,7 +230,7 @@ void HistoryViewModel::retry(const std::shared_ptr<store::LogEntry>& entry, std:
 
 bool HistoryViewModel::isPlaying(const std::shared_ptr<store::LogEntry>& entry) const {
     if (!deps_.playback || playClicked_ != entry) return false;
-    return deps_.playback->currentURL() == recordingOf(*entry);
+    return deps_.playback->currentURL() == entry->recordingPath();
 }
 
 void HistoryViewModel::playOrStop(const std::shared_ptr<store::LogEntry>& entry) {
@@ -250,7 +240,7 @@ void HistoryViewModel::playOrStop(const std::shared_ptr<store::LogEntry>& entry)
         changed();
         return;
     }
-    const auto file = recordingOf(*entry);
+    const auto file = entry->recordingPath();
     if (!file) {
         deps_.messages.showAlertForError(makeHistoryError(HistoryErrorCode::playbackFileMissing));
         invalidateURL(entry);
@@ -268,7 +258,7 @@ void HistoryViewModel::playOrStop(const std::shared_ptr<store::LogEntry>& entry)
 }
 
 void HistoryViewModel::showInFileManager(const std::shared_ptr<store::LogEntry>& entry) {
-    const auto file = recordingOf(*entry);
+    const auto file = entry->recordingPath();
     if (!file) {
         deps_.messages.showAlertForError(makeHistoryError(HistoryErrorCode::showFileMissing));
         invalidateURL(entry);
