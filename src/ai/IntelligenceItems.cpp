@@ -1,12 +1,25 @@
 #include "ai/IntelligenceItems.h"
 
 #include <algorithm>
+#include <cctype>
 
 #include "base/Log.h"
 
 namespace sprelio {
 
 namespace {
+
+// The id of every language of the table, computed once: a classification runs at every AI step.
+const std::vector<std::pair<std::string, std::string>>& translationItemIds() {
+    static const auto ids = [] {
+        std::vector<std::pair<std::string, std::string>> list;
+        for (const auto& language : languageTable()) {
+            if (!language.code.empty()) list.emplace_back(intelligenceItemId(language.code), language.code);
+        }
+        return list;
+    }();
+    return ids;
+}
 
 template <typename Cases> std::optional<std::string> findCase(const Cases& cases, const std::string& itemId) {
     for (const auto value : cases) {
@@ -17,29 +30,33 @@ template <typename Cases> std::optional<std::string> findCase(const Cases& cases
 
 } // namespace
 
-IntelligenceItem classifyIntelligenceItem(const std::string& itemId,
-                                          const std::vector<LocalizedLanguage>& translationTargets,
-                                          const std::vector<std::string>& presetIds) {
+std::string intelligenceItemIdFromArgument(const std::string& argument) {
+    const bool isId = argument.size() == 32 && std::all_of(argument.begin(), argument.end(), [](unsigned char c) {
+                          return std::isdigit(c) || (c >= 'a' && c <= 'f');
+                      });
+    return isId ? argument : intelligenceItemId(argument);
+}
+
+IntelligenceItem classifyIntelligenceItem(const std::string& itemId, const std::vector<std::string>& presetIds) {
     using Kind = IntelligenceItem::Kind;
     // The order of the tests is the catalogue's: hard-coded, built-in, post-process, tones, translations, presets.
     if (auto name = findCase(kHardCodedItems, itemId)) return {Kind::hardCoded, *name};
     if (auto name = findCase(kBuiltInPrompts, itemId)) return {Kind::builtIn, *name};
     if (auto name = findCase(kPostProcesses, itemId)) return {Kind::postProcess, *name};
     if (auto name = findCase(kTonesOfVoice, itemId)) return {Kind::tone, *name};
-    for (const auto& language : translationTargets) {
-        if (!language.code.empty() && intelligenceItemId(language.code) == itemId) return {Kind::translation, language.code};
+    for (const auto& [id, code] : translationItemIds()) {
+        if (id == itemId) return {Kind::translation, code};
     }
     if (std::find(presetIds.begin(), presetIds.end(), itemId) != presetIds.end()) return {Kind::preset, itemId};
     return {Kind::notFound, {}};
 }
 
 std::optional<AICompletionPromptId> promptIdForItemWithId(const std::string& itemId,
-                                                          const std::vector<LocalizedLanguage>& translationTargets,
                                                           const std::vector<std::string>& presetIds,
                                                           const std::string& lastDetectedLanguageCode,
                                                           const std::string& appLanguageCode) {
     using Kind = IntelligenceItem::Kind;
-    const auto item = classifyIntelligenceItem(itemId, translationTargets, presetIds);
+    const auto item = classifyIntelligenceItem(itemId, presetIds);
     AICompletionPromptId prompt{"", "", "", lastDetectedLanguageCode, appLanguageCode};
     switch (item.kind) {
     case Kind::builtIn:

@@ -13,21 +13,22 @@
 
 namespace sprelio {
 
-// What the item of an id is. `translationTargets` are the languages offered for translation, `presetIds` the uuids
-// of the user's presets.
+// What the item of an id is. Any language of the table is a translation target, whether or not the user's list
+// offers it; `presetIds` are the uuids of the user's presets.
 struct IntelligenceItem {
     enum class Kind { hardCoded, builtIn, postProcess, tone, translation, preset, notFound };
     Kind kind = Kind::notFound;
     std::string name; // the case name, the language code or the preset's uuid
 };
-IntelligenceItem classifyIntelligenceItem(const std::string& itemId,
-                                          const std::vector<LocalizedLanguage>& translationTargets,
-                                          const std::vector<std::string>& presetIds = {});
+// An item as a person names it on the command line: its id as it stands, else the name it is made from
+// ("fixGrammar", "formal", "de").
+std::string intelligenceItemIdFromArgument(const std::string& argument);
+
+IntelligenceItem classifyIntelligenceItem(const std::string& itemId, const std::vector<std::string>& presetIds = {});
 
 // The server prompt of an item, with an empty text: built-in prompts, tones and translations. Local steps and
 // presets give none, since they run after the transcript has arrived; so does an unknown id. Logged either way.
 std::optional<AICompletionPromptId> promptIdForItemWithId(const std::string& itemId,
-                                                          const std::vector<LocalizedLanguage>& translationTargets,
                                                           const std::vector<std::string>& presetIds,
                                                           const std::string& lastDetectedLanguageCode,
                                                           const std::string& appLanguageCode);

@@ -2,6 +2,7 @@
 
 #include <set>
 
+#include "ai/IntelligenceManager.h"
 #include "shared/AppState.h"
 #include "base/Log.h"
 #include "platform/Sounds.h"
@@ -57,20 +58,59 @@ std::string applyPostProcess(PostProcess process, const std::string& text) {
     return text;
 }
 
+CompletionRequests completionRequests(
+    IntelligenceManager& manager,
+    std::function<std::shared_ptr<store::IntelligencePreset>(const std::string& uuid)> findPreset) {
+    const auto answer = [](CompletionRequests::Completion completion) {
+        return [completion = std::move(completion)](std::optional<std::string> text,
+                                                    std::optional<AICompletionError> error) {
+            if (text) {
+                completion(std::move(text), std::nullopt);
+            } else {
+                completion(std::nullopt, error ? error->errorDescription()
+                                               : AICompletionError::noResult().errorDescription());
+            }
+        };
+    };
+    CompletionRequests requests;
+    requests.byPromptId = [&manager, answer](const AICompletionPromptId& prompt,
+                                             CompletionRequests::Completion completion) {
+        manager.textCompletionWithPromptId(prompt, answer(std::move(completion)));
+    };
+    requests.byPreset = [&manager, answer, findPreset = std::move(findPreset)](
+                            const std::string& presetId, const std::string& text,
+                            CompletionRequests::Completion completion) {
+        const auto preset = findPreset ? findPreset(presetId) : nullptr;
+        if (!preset) {
+            completion(std::nullopt, AICompletionError::noResult().errorDescription());
+            return;
+        }
+        manager.textCompletionWithPreset(*preset, text, answer(std::move(completion)));
+    };
+    return requests;
+}
+
 IntelligenceViewModelImpl::IntelligenceViewModelImpl(Dependencies deps) : deps_(std::move(deps)) {}
 
 std::optional<AICompletionPromptId> IntelligenceViewModelImpl::promptIdForItemWithId(const std::string& itemId) {
-    return sprelio::promptIdForItemWithId(itemId, deps_.settings.aiLocalizedTranslationLanguages(),
-                                          deps_.presetIds ? deps_.presetIds() : std::vector<std::string>{},
+    return sprelio::promptIdForItemWithId(itemId, deps_.presetIds ? deps_.presetIds() : std::vector<std::string>{},
                                           deps_.settings.lastDetectedLanguageCode(), deps_.constants.appLanguageCode());
 }
 
 void IntelligenceViewModelImpl::executeActionForItemWithText(
-    const std::string& itemId, const std::string& text, std::optional<IntelligenceActionCompletionType> completionType) {
+    const std::string& itemId, const std::string& text, bool expectingCompletion,
+    std::optional<IntelligenceActionCompletionType> completionType) {
     logInfo(std::string("executeActionForItemWithText() - text: ") + std::string(kPrivatized));
     using Kind = IntelligenceItem::Kind;
-    const auto item = classifyIntelligenceItem(itemId, deps_.settings.aiLocalizedTranslationLanguages(),
-                                               deps_.presetIds ? deps_.presetIds() : std::vector<std::string>{});
+    const auto item =
+        classifyIntelligenceItem(itemId, deps_.presetIds ? deps_.presetIds() : std::vector<std::string>{});
+    const bool serverStep = item.kind == Kind::builtIn || item.kind == Kind::tone ||
+                            item.kind == Kind::translation || item.kind == Kind::preset;
+    if (item.kind == Kind::notFound || (serverStep && expectingCompletion)) {
+        logInfo("executeActionForItemWithText() - found no Item for itemId: " + itemId +
+                ", or skipped because of expectingCompletion (" + (expectingCompletion ? "true" : "false") + ")");
+        return;
+    }
     switch (item.kind) {
     case Kind::hardCoded:
         if (item.name == caseName(HardCodedItem::useAsIs)) {
@@ -88,8 +128,8 @@ void IntelligenceViewModelImpl::executeActionForItemWithText(
         for (const auto process : kPostProcesses) {
             if (caseName(process) != item.name) continue;
             const std::string result = applyPostProcess(process, text);
-            logInfo(std::string("processTextWithPostProcess() - text: ") + std::string(kPrivatized) + " - postProcess: " + item.name +
-                    " - intelligenceActionCompletionType: " +
+            logInfo(std::string("processTextWithPostProcess() - text: ") + std::string(kPrivatized) +
+                    " - postProcess: " + item.name + " - intelligenceActionCompletionType: " +
                     (completionType ? std::string(intelligenceActionCompletionTypeRawValue(*completionType)) : "nil"));
             deliver(result, completionType);
         }
@@ -97,24 +137,100 @@ void IntelligenceViewModelImpl::executeActionForItemWithText(
     }
     case Kind::builtIn:
         logInfo("executeActionForItemWithText() - Item == .builtIn: " + item.name);
-        completionUnavailable("processTextWithBuiltInPrompt", text);
+        for (const auto prompt : kBuiltInPrompts) {
+            if (caseName(prompt) == item.name) processTextWithBuiltInPrompt(text, prompt, completionType);
+        }
         return;
     case Kind::tone:
         logInfo("executeActionForItemWithText() - Item == .tone: " + item.name);
-        completionUnavailable("processTextWithToneOfVoice", text);
+        for (const auto tone : kTonesOfVoice) {
+            if (caseName(tone) == item.name) processTextWithToneOfVoice(text, tone, completionType);
+        }
         return;
     case Kind::translation:
         logInfo("executeActionForItemWithText() - Item == .translation (using AppConstants.languages): " + item.name);
-        completionUnavailable("processTextWithLanguage", text);
+        processTextWithLanguage(text, item.name, completionType);
         return;
     case Kind::preset:
         logInfo("executeActionForItemWithText() - Item == IntelligencePreset: " + item.name);
-        completionUnavailable("processTextWithPreset", text);
+        processTextWithPreset(text, item.name, completionType);
         return;
-    case Kind::notFound: break;
+    case Kind::notFound: return;
     }
-    logInfo("executeActionForItemWithText() - found no Item for itemId: " + itemId +
-            ", or skipped because of expectingCompletion (false)");
+}
+
+namespace {
+
+std::string completionTypeText(std::optional<IntelligenceActionCompletionType> type) {
+    return type ? std::string(intelligenceActionCompletionTypeRawValue(*type)) : std::string("nil");
+}
+
+} // namespace
+
+AICompletionPromptId IntelligenceViewModelImpl::promptFor(std::string promptId, std::string promptParam,
+                                                          const std::string& text) const {
+    return AICompletionPromptId{std::move(promptId), std::move(promptParam), text,
+                                deps_.settings.lastDetectedLanguageCode(), deps_.constants.appLanguageCode()};
+}
+
+void IntelligenceViewModelImpl::processTextWithBuiltInPrompt(
+    const std::string& text, BuiltInPrompt prompt, std::optional<IntelligenceActionCompletionType> completionType) {
+    logInfo("processTextWithBuiltInPrompt() - text: " + std::string(kPrivatized) + " - builtInPrompt: " +
+            std::string(caseName(prompt)) + " - intelligenceActionCompletionType: " + completionTypeText(completionType));
+    runOnServer("processTextWithBuiltInPrompt", text, promptFor(std::string(serverPromptId(prompt)), "", text),
+                std::nullopt, completionType);
+}
+
+void IntelligenceViewModelImpl::processTextWithToneOfVoice(
+    const std::string& text, ToneOfVoice tone, std::optional<IntelligenceActionCompletionType> completionType) {
+    logInfo("processTextWithToneOfVoice() - text: " + std::string(kPrivatized) + " - toneOfVoice: " +
+            std::string(caseName(tone)) + " - intelligenceActionCompletionType: " + completionTypeText(completionType));
+    runOnServer("processTextWithToneOfVoice", text, promptFor("tone", std::string(caseName(tone)), text),
+                std::nullopt, completionType);
+}
+
+void IntelligenceViewModelImpl::processTextWithLanguage(
+    const std::string& text, const std::string& languageCode,
+    std::optional<IntelligenceActionCompletionType> completionType) {
+    logInfo("processTextWithLanguage() - text: " + std::string(kPrivatized) + " - language: " + languageCode +
+            " - intelligenceActionCompletionType: " + completionTypeText(completionType));
+    runOnServer("processTextWithLanguage", text, promptFor("translate", languageCode, text), std::nullopt,
+                completionType);
+}
+
+void IntelligenceViewModelImpl::processTextWithPreset(
+    const std::string& text, const std::string& presetId,
+    std::optional<IntelligenceActionCompletionType> completionType) {
+    logInfo("processTextWithPreset() - text: " + std::string(kPrivatized) + " - preset: " + presetId +
+            " - intelligenceActionCompletionType: " + completionTypeText(completionType));
+    runOnServer("processTextWithPreset", text, promptFor("", "", text), presetId, completionType);
+}
+
+void IntelligenceViewModelImpl::runOnServer(const std::string& method, const std::string& text,
+                                            const AICompletionPromptId& prompt,
+                                            const std::optional<std::string>& presetId,
+                                            std::optional<IntelligenceActionCompletionType> completionType) {
+    if (deps_.showIntelligizingOverlay) deps_.showIntelligizingOverlay();
+    auto answered = lifetime_.guard([this, method, text, completionType](std::optional<std::string> result,
+                                                                       std::optional<std::string> failure) {
+        if (result) {
+            deliver(*result, completionType);
+            return;
+        }
+        logError(method + "() - recordAndProcessWithAI completion failed with error: " +
+                 failure.value_or("no answer") + " - will paste transcribed text instead: " +
+                 std::string(kPrivatized));
+        deps_.sounds.play("Glass");
+        if (deps_.performPasting) deps_.performPasting(text);
+    });
+    const auto& requests = deps_.completions;
+    if (presetId && requests.byPreset) {
+        requests.byPreset(*presetId, text, std::move(answered));
+    } else if (!presetId && requests.byPromptId) {
+        requests.byPromptId(prompt, std::move(answered));
+    } else {
+        answered(std::nullopt, std::string("No servers available for the requested AI processing model."));
+    }
 }
 
 void IntelligenceViewModelImpl::deliver(const std::string& result,
@@ -126,15 +242,6 @@ void IntelligenceViewModelImpl::deliver(const std::string& result,
         return;
     }
     if (deps_.performPasting) deps_.performPasting(result);
-}
-
-void IntelligenceViewModelImpl::completionUnavailable(const std::string& method, const std::string& text) {
-    // The completion service is not part of this version: this is the path of a failed completion.
-    logError(method + "() - recordAndProcessWithAI completion failed with error: AI actions on a text are not "
-                      "available in this version - will paste transcribed text instead: " +
-             std::string(kPrivatized));
-    deps_.sounds.play("Glass");
-    if (deps_.performPasting) deps_.performPasting(text);
 }
 
 } // namespace sprelio

@@ -1,29 +1,14 @@
 #include "app/BackendContext.h"
 
 #include "base/Log.h"
-#include "store/AtomicFile.h"
-#include "store/CodableHelpers.h"
 
 namespace sprelio::app {
 
-namespace {
-
-// The AI lists are kept in the support folder as the completion service keeps them: replaced whole, at once.
-template <typename Item>
-void persistItems(const std::vector<Item>& items, const std::filesystem::path& path) {
-    nlohmann::ordered_json array = nlohmann::ordered_json::array();
-    for (const auto& item : items) array.push_back(item.encode());
-    const std::string error = store::writeFileAtomically(path, array.dump(), 0644);
-    if (!error.empty()) store::CodableHelpers::logPersistError(path, error);
-}
-
-} // namespace
-
-void keepAccountListsOnDisk(LoginResourceService& account, const store::AppConstants& constants) {
-    const auto serversFile = constants.aiServerItemsFile();
-    const auto modelsFile = constants.aiModelItemsFile();
-    account.onAIServers = [serversFile](const std::vector<AIServerItem>& items) { persistItems(items, serversFile); };
-    account.onAIModels = [modelsFile](const std::vector<AIModelItem>& items) { persistItems(items, modelsFile); };
+void feedIntelligenceManager(LoginResourceService& account, IntelligenceManager& intelligence) {
+    account.onAIServers = [&intelligence](const std::vector<AIServerItem>& items) {
+        intelligence.setAIServerItems(items);
+    };
+    account.onAIModels = [&intelligence](const std::vector<AIModelItem>& items) { intelligence.setAIModelItems(items); };
 }
 
 BackendContext::BackendContext(AppEnvironment& env, std::ostream& err)
@@ -36,6 +21,7 @@ BackendContext::~BackendContext() {
     // Uploads still running end without their completions; nothing may call back into what goes next.
     fileUpload_.reset();
     upload_.reset();
+    intelligence_.reset();
     account_.reset();
 }
 
@@ -60,7 +46,9 @@ bool BackendContext::start(std::string& error) {
                                             false};
     account_ = std::make_unique<LoginResourceService>(std::move(deps));
     balancing_->setService(account_.get());
-    keepAccountListsOnDisk(*account_, env_.constants());
+    intelligence_ = std::make_unique<IntelligenceManager>(
+        IntelligenceManager::Dependencies{loop_, http_, env_.settings(), env_.constants(), account_.get()});
+    feedIntelligenceManager(*account_, *intelligence_);
     return true;
 }
 

@@ -13,6 +13,7 @@
 #include "app/ApiEndpoint.h"
 #include "app/AppEnvironment.h"
 #include "app/HeadlessPlatform.h"
+#include "ai/IntelligenceManager.h"
 #include "backend/BalancingManager.h"
 #include "backend/FileUploadManager.h"
 #include "backend/HttpAudioUploadManager.h"
@@ -28,8 +29,8 @@
 
 namespace sprelio::app {
 
-// The AI servers and models of each account answer go to their list files in the support folder.
-void keepAccountListsOnDisk(LoginResourceService& account, const store::AppConstants& constants);
+// The completion service takes the AI servers and models from every answer of the account service.
+void feedIntelligenceManager(LoginResourceService& account, IntelligenceManager& intelligence);
 
 class BackendContext {
 public:
@@ -61,6 +62,7 @@ public:
     const ApiEndpoint& endpoint() const { return *endpoint_; }
     BalancingManager& balancing() { return *balancing_; }
     LoginResourceService& account() { return *account_; }
+    IntelligenceManager& intelligence() { return *intelligence_; }
 
     // The store and the history, opened on first use; opening them expires old entries (start-up of the history).
     HistoryManagerImpl& history();
@@ -104,6 +106,7 @@ private:
     std::unique_ptr<ApiEndpoint> endpoint_;
     std::unique_ptr<BalancingManager> balancing_;
     std::unique_ptr<LoginResourceService> account_;
+    std::unique_ptr<IntelligenceManager> intelligence_;
     std::unique_ptr<HttpAudioUploadManager> upload_;
     std::unique_ptr<FileUploadManager> fileUpload_;
 };

@@ -35,11 +35,17 @@ Commands:
                                 default) and print the file's path; default path in the recordings folder
   transcribe FILE [--language CODE] [--item ITEM] [--diarization]
                                 transcribe an audio file as a dictation and print the text; with --item
-                                (an AI item: fixGrammar, formal, a language code of the translation targets,
-                                or its id) print the AI result that comes with the transcript
+                                (an AI item: fixGrammar, formal, a language code to translate into, or its
+                                id) print the AI result that comes with the transcript
   transcribe --long FILE [--diarization]
                                 transcribe a long audio or video file as the Files tab does; progress on
                                 stderr, the text on stdout
+  ai ITEM TEXT [--language CODE]
+                                run an AI action on TEXT and print the result: ITEM is a built-in prompt
+                                (fixGrammar, improveWriting, addEmoji, askAI), a tone (formal, fun, ...), a
+                                language code to translate into, a local step (uppercaseAll, ...) or an id;
+                                --language names the language TEXT is in
+  ai --preset NAME TEXT         the same with one of your AI presets
   account                       refresh and print the account, its backends, AI servers and models
   login EMAIL                   sign in: an e-mail with a link and a code is sent; waits for the link
   login --code CODE             finish the sign-in with the code from the e-mail
@@ -141,7 +147,8 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
     if (command == "settings") return settingsCommand(args, out, err);
     if (command == "substitute" || command == "substitutions") return substitutionCommand(args, out, err);
     if (command == "devices" || command == "record") return audioCommand(args, out, err);
-    if (command == "transcribe" || command == "account" || command == "login" || command == "logout")
+    if (command == "transcribe" || command == "ai" || command == "account" || command == "login" ||
+        command == "logout")
         return backendCommand(args, out, err);
     if (command == "history") return historyCommand(args, out, err);
     return fail(err, "unknown command \"" + command + "\" (see sprelio --help)", 2);

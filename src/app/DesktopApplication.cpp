@@ -14,6 +14,7 @@
 #include <memory>
 #include <tuple>
 
+#include "ai/IntelligenceManager.h"
 #include "ai/IntelligenceViewModelImpl.h"
 #include "app/ApiEndpoint.h"
 #include "app/AppEnvironment.h"
@@ -223,6 +224,7 @@ private:
     std::unique_ptr<platform::MainWindow> mainWindow_;
     std::unique_ptr<platform::QtAppEventMonitor> eventMonitor_;
     std::unique_ptr<NotifyingHistory> history_;
+    std::unique_ptr<IntelligenceManager> intelligenceManager_;
     std::unique_ptr<IntelligenceViewModelImpl> intelligence_;
     std::unique_ptr<ContinuousSpeechUnavailable> continuousSpeech_;
     HitTestManager hitTest_{screens_};
@@ -278,7 +280,9 @@ Desktop::Desktop()
         endpoint_ ? endpoint_->baseURL() : ApiEndpoint::configuredBaseURL(settings()), machineIdentity(),
         localeRegion(), true});
     balancing_.setService(account_.get());
-    keepAccountListsOnDisk(*account_, constants());
+    intelligenceManager_ = std::make_unique<IntelligenceManager>(
+        IntelligenceManager::Dependencies{loop_, http_, settings(), constants(), account_.get()});
+    feedIntelligenceManager(*account_, *intelligenceManager_);
 
     microphones_ = std::make_unique<MicrophoneManagerImpl>(MicrophoneManagerImpl::Dependencies{
         loop_, clock_, audioDevices_, audioDevices_, settings(), &wakeRelay_,
@@ -311,7 +315,14 @@ Desktop::Desktop()
         [this](const std::string& text) {
             resultsWindow_->showCompletion(text);
             if (app_) app_->setupMenuWithMainMenu();
-        }});
+        },
+        completionRequests(*intelligenceManager_,
+                           [this](const std::string& uuid) -> std::shared_ptr<store::IntelligencePreset> {
+                               for (const auto& preset : context_.fetchAll<store::IntelligencePreset>())
+                                   if (const auto id = preset->uuid(); id && id->string() == uuid) return preset;
+                               return nullptr;
+                           }),
+        [this] { if (app_) app_->showOverlay(OverlayType::intelligizing); }});
     continuousSpeech_ = std::make_unique<ContinuousSpeechUnavailable>(loop_, messages_, [this] {
         if (app_ && app_->appStatus() == AppActivity::continuousSpeechActive) session_->continuousVoiceToText();
     });

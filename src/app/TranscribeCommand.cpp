@@ -83,14 +83,6 @@ struct TranscribeOptions {
     bool longFile = false;
 };
 
-// The id of an item, given as its id or as the name it is made from ("fixGrammar", "formal", "de").
-std::string itemIdFromArgument(const std::string& argument) {
-    const bool isId = argument.size() == 32 && std::all_of(argument.begin(), argument.end(), [](unsigned char c) {
-                          return std::isdigit(c) || (c >= 'a' && c <= 'f');
-                      });
-    return isId ? argument : intelligenceItemId(argument);
-}
-
 std::vector<std::string> presetIds(AppEnvironment& env) {
     std::vector<std::string> ids;
     auto presets = store::cdGetEntity<store::IntelligencePreset>(env.persistence().container().viewContext());
@@ -111,14 +103,14 @@ int transcribeRecording(const TranscribeOptions& options, std::ostream& out, std
 
     std::optional<AICompletionPromptId> prompt;
     if (options.item) {
-        const std::string itemId = itemIdFromArgument(*options.item);
-        prompt = promptIdForItemWithId(itemId, settings.aiLocalizedTranslationLanguages(), presetIds(env),
-                                       settings.lastDetectedLanguageCode(), env.constants().appLanguageCode());
+        const std::string itemId = intelligenceItemIdFromArgument(*options.item);
+        prompt = promptIdForItemWithId(itemId, presetIds(env), settings.lastDetectedLanguageCode(),
+                                       env.constants().appLanguageCode());
         if (!prompt) {
             return fail(err,
                         "transcribe: --item " + *options.item +
                             " is no item the server runs with the upload (a built-in prompt such as fixGrammar, a "
-                            "tone such as formal, or a translation target of aiLocalizedTranslationLanguages)",
+                            "tone such as formal, or a language code to translate into such as de)",
                         2);
         }
     }

@@ -350,22 +350,26 @@ void AppDelegate::evaluateUploadResult(const std::optional<nlohmann::json>& resu
         logInfo("AppDelegate.handleRecordingCompletion() - generatedText: " + std::string(kPrivatized) +
                 " - detectedLanguage: " + *answer.language);
         postHistory(HistoryManagerLogLevel::success, answer.text, url, requestID);
+        if (dictation.prompt) *dictation.transcriptAwaitingCompletion = answer.text;
         deliverTranscription(answer.text, dictation);
         return;
     case UploadAnswer::Kind::completion:
         logInfo("AppDelegate.handleRecordingCompletion() - completion: " + std::string(kPrivatized));
+        dictation.transcriptAwaitingCompletion->reset();
         post([this, completion = answer.text]() { pasteOrShowCompletion(completion); });
         return;
     case UploadAnswer::Kind::serverMessage:
-        // The session stays where it is: the user sees the server's words and cancels when done.
         logError("AppDelegate.handleRecordingCompletion() - backend message error: " + answer.text);
         postHistory(HistoryManagerLogLevel::error, answer.text, url, requestID);
         deps_.messages.showAlertForError(SPRStringError::errorMessageError(std::nullopt, answer.text).toError());
+        // Otherwise the session stays where it is: the user sees the server's words and cancels when done.
+        deliverTranscriptInsteadOfCompletion(dictation, answer.text);
         return;
     case UploadAnswer::Kind::failure:
         logError("AppDelegate.handleRecordingCompletion() - error: " + answer.error->debugDescription());
         postHistory(HistoryManagerLogLevel::error, answer.error->localizedDescription, url, requestID);
         deps_.messages.showAlertForError(*answer.error);
+        if (deliverTranscriptInsteadOfCompletion(dictation, answer.error->localizedDescription)) return;
         post([this]() { setupMenuWithMainMenu(); });
         return;
     case UploadAnswer::Kind::empty: break;
@@ -379,7 +383,20 @@ void AppDelegate::evaluateUploadResult(const std::optional<nlohmann::json>& resu
         deps_.historyManager.log(HistoryManagerLogLevel::error, empty.localizedDescription, url, requestID, false);
         deps_.messages.showAlertForError(empty);
     });
+    if (deliverTranscriptInsteadOfCompletion(dictation, "the answer held nothing usable")) return;
     post([this]() { setupMenuWithMainMenu(); });
+}
+
+bool AppDelegate::deliverTranscriptInsteadOfCompletion(const Dictation& dictation, const std::string& failure) {
+    auto& pending = *dictation.transcriptAwaitingCompletion;
+    if (!pending) return false;
+    const std::string transcript = *pending;
+    pending.reset();
+    logError("AppDelegate.handleRecordingCompletion() - recordAndProcessWithAI completion failed with error: " +
+             failure + " - will paste transcribed text instead: " + std::string(kPrivatized));
+    platform_.sounds.play("Glass");
+    performPasting(transcript);
+    return true;
 }
 
 void AppDelegate::deliverTranscription(const std::string& text, const Dictation& dictation) {
@@ -390,11 +407,13 @@ void AppDelegate::deliverTranscription(const std::string& text, const Dictation&
     case ShortcutAction::recordAndTranscribeToFlat: performPasting(flatFormOfText(text)); return;
     case ShortcutAction::recordAndTranscribeToCaps: performPasting(capsFormOfText(text)); return;
     case ShortcutAction::recordAndProcessWithAI:
-        post([this, text, itemId]() {
+        post([this, text, itemId, expectingCompletion = dictation.prompt.has_value()]() {
             logInfo("AppDelegate.handleRecordingCompletion() - itemId: " + optionalText(itemId));
             if (!text.empty()) {
-                // No completion type here: the action takes it from the active shortcut.
-                deps_.intelligenceViewModel.executeActionForItemWithText(itemId.value_or(""), text, std::nullopt);
+                // No completion type here: the action takes it from the active shortcut. When the item's prompt
+                // rode along with the upload, the server's COMPLETION line brings the result.
+                deps_.intelligenceViewModel.executeActionForItemWithText(itemId.value_or(""), text,
+                                                                         expectingCompletion, std::nullopt);
             } else {
                 logWarning("AppDelegate.handleRecordingCompletion() - generatedText is empty, stopped processing");
                 post([this]() { setupMenuWithMainMenu(); });

@@ -144,6 +144,9 @@ private:
     void keyDownMainStep2(const Uuid& requestID, std::shared_ptr<const Stopwatch> stopwatch);
     void recordingCompleted(Dictation dictation, bool success, std::chrono::system_clock::time_point endDate);
     void deliverTranscription(const std::string& text, const Dictation& dictation);
+    // When the server's AI step fails after its transcript came: the transcript is delivered, with Glass, so that
+    // the user never loses it to the AI. False when no transcript waits.
+    bool deliverTranscriptInsteadOfCompletion(const Dictation& dictation, const std::string& failure);
     void pasteOrShowCompletion(const std::string& completion);
     void logRecordingDurationTimerStopped(const std::string& caller, const std::string& reason);
     void postHistory(HistoryManagerLogLevel level, std::string message, std::optional<std::filesystem::path> url, const Uuid& requestID);

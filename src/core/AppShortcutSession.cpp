@@ -115,7 +115,7 @@ void AppShortcutSession::copyTextAndAskAIWithTexts(const UserShortcutPtr& shortc
     std::optional<IntelligenceActionCompletionType> completionType;
     if (const auto raw = shortcut->intelligenceActionCompletionType())
         completionType = intelligenceActionCompletionTypeFromRawValue(*raw);
-    deps_.intelligenceViewModel.executeActionForItemWithText(*itemId, text, completionType);
+    deps_.intelligenceViewModel.executeActionForItemWithText(*itemId, text, false, completionType);
 }
 
 void AppShortcutSession::transcribeLast(const UserShortcutPtr& shortcut) {

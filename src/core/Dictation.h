@@ -5,6 +5,7 @@
 // The upload, its evaluation and the delivery then take it as it stands.
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -26,6 +27,11 @@ struct Dictation {
     std::optional<AICompletionPromptId> prompt;
     bool diarization = false;
     InputLanguages languages;
+
+    // The transcript of a dictation whose AI result the server still owes, shared by every copy of the dictation:
+    // when that step fails, this is what the user gets.
+    std::shared_ptr<std::optional<std::string>> transcriptAwaitingCompletion =
+        std::make_shared<std::optional<std::string>>();
 };
 
 } // namespace sprelio

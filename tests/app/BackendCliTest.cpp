@@ -1,4 +1,4 @@
-// `sprelio transcribe`, `account`, `login`, `logout` and `history` as a user runs them: the real binary with a fresh
+// `sprelio transcribe`, `ai`, `account`, `login`, `logout` and `history` as a user runs them: the real binary with a fresh
 // home; the embedded server by default, a scripted server where an answer must be exactly so, and a real server in
 // this process for the sign-in.
 #include <gtest/gtest.h>
@@ -328,6 +328,60 @@ TEST_F(BackendCli, AccountWritesTheAiListsOfTheAnswer) {
     EXPECT_EQ(servers, json::parse(R"([{"uuid":"S1","name":"ai-1","url":"https://ai.example.org","models":["small-1"]}])"));
     const auto models = json::parse(readFile(root_ / ".local/share/Sprelio/AIModelItems"));
     EXPECT_EQ(models, json::parse(R"([{"name":"Small","model":"small-1","languages":["en","de"]}])"));
+}
+
+TEST_F(BackendCli, AiRunsAnItemOnATextThroughTheAccountsAiServers) {
+    sprelio::backendtest::ScriptedServer server;
+    useScriptedServer(server);
+    sprelio::backendtest::Script info;
+    info.body = json{{"ai",
+                      {{"models", json::array({{{"name", "Small"}, {"model", "small-1"}}})},
+                       {"servers", json::array({{{"uuid", "S1"}, {"name", "ai-1"}, {"url", server.url("")},
+                                                 {"models", {"small-1"}}}})}}},
+                     {"balancers", json::array()},
+                     {"user", {{"user", {{"email", "ann@example.org"}}}, {"requests", 3}, {"token", "tok-ann"}}}}
+                        .dump();
+    server.script("/users/info", info);
+    sprelio::backendtest::Script answer;
+    answer.body = json{{"completion", "Hola, mundo."}}.dump();
+    server.script("/completions", answer);
+
+    // Spanish is in no list of the user's: any language of the table is a target.
+    auto r = run({"ai", "es", "Hello, world.", "--language", "en"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "Hola, mundo.\n");
+    const auto sent = posts(server, "/completions");
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].target.rfind("/completions?app=", 0), 0u) << sent[0].target;
+    EXPECT_EQ(sent[0].header("Authorization"), "Bearer tok-ann");
+    const auto body = json::parse(sent[0].body);
+    EXPECT_EQ(body["prompt_id"], "translate");
+    EXPECT_EQ(body["prompt_param"], "es");
+    EXPECT_EQ(body["text"], "Hello, world.");
+    EXPECT_EQ(body["text_lang"], "en");
+    EXPECT_EQ(readFile(logFile()).find("Hello, world."), std::string::npos)
+        << "the text never reaches the log";
+
+    // A local step needs no server.
+    auto local = run({"ai", "uppercaseAll", "straße"});
+    ASSERT_EQ(local.status, 0) << local.err;
+    EXPECT_EQ(local.out, "STRASSE\n");
+    EXPECT_EQ(posts(server, "/completions").size(), 1u);
+
+    // The server's failure is the command's, in the completion service's words.
+    sprelio::backendtest::Script refused;
+    refused.status = 429;
+    refused.body = json{{"error", "RateLimited"}, {"message", "Slow down, please."}, {"stop", true}}.dump();
+    server.script("/completions", refused);
+    auto failed = run({"ai", "fixGrammar", "teh text"});
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_TRUE(failed.out.empty()) << failed.out;
+    EXPECT_NE(failed.err.find("Request error during AI processing: Slow down, please."), std::string::npos)
+        << failed.err;
+
+    auto unknown = run({"ai", "noSuchItem", "text"});
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_NE(unknown.err.find("noSuchItem is no item"), std::string::npos) << unknown.err;
 }
 
 class SignInCli : public BackendCli {

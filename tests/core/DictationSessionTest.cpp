@@ -323,6 +323,7 @@ TEST_F(DictationSession, FloatingMenuShortcutWinsButLanguageComesFromTheActiveSh
     EXPECT_EQ(h.intelligence.executions[0].itemId, "item-7");
     EXPECT_EQ(h.intelligence.executions[0].text, "notes");
     EXPECT_FALSE(h.intelligence.executions[0].completionType.has_value());
+    EXPECT_TRUE(h.intelligence.executions[0].expectingCompletion) << "the prompt rode along: the server answers it";
     EXPECT_TRUE(h.accessibility.injections.empty());
 }
 
@@ -503,6 +504,7 @@ TEST_F(DictationSession, AIActionHandsTheTextOverAndStaysBusy) {
     h.run();
     ASSERT_EQ(h.intelligence.executions.size(), 1u);
     EXPECT_EQ(h.intelligence.executions[0].itemId, "item-1");
+    EXPECT_FALSE(h.intelligence.executions[0].expectingCompletion) << "no prompt rode along: the step runs here";
     // The AI step returns the session to idle when it is done, not the session itself.
     EXPECT_EQ(h.app.appStatus(), AppActivity::processing);
 }
@@ -515,6 +517,47 @@ TEST_F(DictationSession, CompletionOpensTheDialogWhenTheShortcutAsksForIt) {
     EXPECT_TRUE(h.accessibility.injections.empty());
     EXPECT_TRUE(logs.contains("AppDelegate.handleRecordingCompletion() - currentlyActiveIntelligenceActionCompletionType "
                               "is .dialog, opening completion in IntelligenceResultView"));
+}
+
+TEST_F(DictationSession, TheServersAIStepDeliversExactlyOneText) {
+    h.intelligence.prompts["item-1"] = sprelio::AICompletionPromptId{"add_emoji", "", "", "en", "en"};
+    const auto stringError = [](const std::string& message) {
+        return sprelio::SPRStringError::errorMessageError(std::string("AINotConfigured"), message).toError();
+    };
+    struct Row {
+        const char* what;
+        std::optional<nlohmann::json> second;
+        std::optional<Error> secondError;
+        std::string pasted;
+        bool glass;
+    };
+    const Row rows[] = {
+        {"the completion follows the transcript", nlohmann::json{{"completion", "words 😀"}}, std::nullopt, "words 😀",
+         false},
+        {"the AI step fails after the transcript", std::nullopt, stringError("No AI service is set up."), "words",
+         true},
+        {"an answer without anything usable follows", nlohmann::json::object(), std::nullopt, "words", true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        h.accessibility.injections.clear();
+        h.tp.clearCalls();
+        h.dictate(makeShortcut("recordAndProcessWithAI", std::string("item-1")));
+        h.uploader.answer(nlohmann::json{{"text", "words"}, {"language", "en"}});
+        h.run();
+        ASSERT_FALSE(h.intelligence.executions.empty());
+        EXPECT_TRUE(h.intelligence.executions.back().expectingCompletion);
+        EXPECT_TRUE(h.accessibility.injections.empty()) << "the transcript waits for the AI result";
+        h.uploader.answer(row.second, row.secondError);
+        h.run();
+        ASSERT_EQ(h.accessibility.injections.size(), 1u);
+        EXPECT_EQ(h.accessibility.injections[0].text, row.pasted);
+        EXPECT_EQ(h.tp.called("sound:Glass"), row.glass);
+        EXPECT_EQ(h.app.appStatus(), AppActivity::idle);
+    }
+    EXPECT_TRUE(logs.contains("AppDelegate.handleRecordingCompletion() - recordAndProcessWithAI completion failed with "
+                              "error: No AI service is set up. - will paste transcribed text instead: <privatized>",
+                              LogLevel::error));
 }
 
 TEST_F(DictationSession, CompletionIsPastedForPasteOrNoType) {

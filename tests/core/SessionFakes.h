@@ -144,6 +144,7 @@ public:
     struct Execution {
         std::string itemId;
         std::string text;
+        bool expectingCompletion = false;
         std::optional<IntelligenceActionCompletionType> completionType;
     };
     std::optional<AICompletionPromptId> promptIdForItemWithId(const std::string& itemId) override {
@@ -151,9 +152,9 @@ public:
         if (it == prompts.end()) return std::nullopt;
         return it->second;
     }
-    void executeActionForItemWithText(const std::string& itemId, const std::string& text,
+    void executeActionForItemWithText(const std::string& itemId, const std::string& text, bool expectingCompletion,
                                       std::optional<IntelligenceActionCompletionType> completionType) override {
-        executions.push_back({itemId, text, completionType});
+        executions.push_back({itemId, text, expectingCompletion, completionType});
     }
     std::map<std::string, AICompletionPromptId> prompts;
     std::vector<Execution> executions;
