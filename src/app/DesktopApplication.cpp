@@ -15,6 +15,7 @@
 #include <tuple>
 
 #include "ai/IntelligenceManager.h"
+#include "ai/IntelligencePresetsViewModel.h"
 #include "ai/IntelligenceViewModelImpl.h"
 #include "app/ApiEndpoint.h"
 #include "app/AppEnvironment.h"
@@ -226,6 +227,7 @@ private:
     std::unique_ptr<NotifyingHistory> history_;
     std::unique_ptr<IntelligenceManager> intelligenceManager_;
     std::unique_ptr<IntelligenceViewModelImpl> intelligence_;
+    std::unique_ptr<IntelligencePresetsViewModel> presets_;
     std::unique_ptr<ContinuousSpeechUnavailable> continuousSpeech_;
     HitTestManager hitTest_{screens_};
     platform::QtOverlayPanelFactory panelFactory_{screens_};
@@ -303,6 +305,15 @@ Desktop::Desktop()
     });
 
     // The session and what it reaches.
+    presets_ = std::make_unique<IntelligencePresetsViewModel>(IntelligencePresetsViewModel::Dependencies{
+        context_,
+        [this] {
+            std::vector<std::string> models;
+            for (const auto& item : intelligenceManager_->aiModelItems())
+                if (!item.model.empty()) models.push_back(item.model);
+            return models;
+        },
+        {}});
     intelligence_ = std::make_unique<IntelligenceViewModelImpl>(IntelligenceViewModelImpl::Dependencies{
         settings(), constants(), appState_, sounds_,
         [this] {
@@ -376,7 +387,7 @@ Desktop::Desktop()
     mainWindow_ = std::make_unique<platform::MainWindow>(platform::MainWindowDependencies{
         loop_, clock_, workspace_, settings(), constants(), appState_, context_,
         [this] { return app_->appStatus(); }, titles_, historyView_.get(), maintenance_.get(), &sounds_,
-        [this](const std::filesystem::path& file) { return reveal_.showItem(file); }});
+        presets_.get(), [this](const std::filesystem::path& file) { return reveal_.showItem(file); }});
     windows_->setMainWindow(mainWindow_.get());
     eventMonitor_ = std::make_unique<platform::QtAppEventMonitor>(*windows_, screens_);
     appState_.onChange = [this](std::string_view field) { mainWindow_->appStateChanged(field); };

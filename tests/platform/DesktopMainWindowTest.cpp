@@ -15,6 +15,7 @@
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMessageBox>
+#include <QPlainTextEdit>
 #include <QPointer>
 #include <QPushButton>
 #include <QSpinBox>
@@ -25,11 +26,13 @@
 #include <fstream>
 #include <memory>
 
+#include "ai/IntelligencePresetsViewModel.h"
 #include "diagnostics/HistoryManagerImpl.h"
 #include "diagnostics/HistoryTestSupport.h"
 #include "ui/HistoryViewModel.h"
 #include "diagnostics/MaintenanceManager.h"
 #include "platform/linux/SystemClock.h"
+#include "platform/qt/AIPane.h"
 #include "platform/qt/FileManagerReveal.h"
 #include "platform/qt/HistoryPane.h"
 #include "platform/qt/MainWindow.h"
@@ -92,12 +95,14 @@ protected:
                 return true;
             },
             [this](const std::string& text, const std::string& caller) { pasteboard_.push_back(caller + ":" + text); }});
+        presets_ = std::make_unique<IntelligencePresetsViewModel>(IntelligencePresetsViewModel::Dependencies{
+            context, [] { return std::vector<std::string>{"small-1", "large-2"}; }, {}});
         windows_ = std::make_unique<AppWindows>(AppWindows::Dependencies{
             *loop_, appState_, *settings_, WindowTitles::make("Sprelio"), [this] { journal_.push_back("capture"); },
             [this] { journal_.push_back("restoreFocus"); }, [] {}, [this] { window_->scrollHistoryToTop(); }});
         window_ = std::make_unique<MainWindow>(platform::MainWindowDependencies{
             *loop_, clock_, tp_, *settings_, constants_, appState_, context, [this] { return status_; },
-            windows_->titles(), historyView_.get(), maintenance_.get(), nullptr, {}});
+            windows_->titles(), historyView_.get(), maintenance_.get(), nullptr, presets_.get(), {}});
         windows_->setMainWindow(window_.get());
         appState_.onChange = [this](std::string_view field) { window_->appStateChanged(field); };
         monitor_ = std::make_unique<platform::QtAppEventMonitor>(*windows_, screens_);
@@ -124,6 +129,16 @@ protected:
         for (const auto& s : other.viewContext().fetchAll<store::Substitution>())
             if (!s->isBlankNew()) rules.emplace_back(s->input().value_or(""), s->output().value_or(""));
         return rules;
+    }
+    // The presets as another connection reads them from the file: title, prompt, model.
+    std::vector<std::vector<std::string>> presetsOnDisk() const {
+        store::PersistentContainer other("Persistence",
+                                         constants_.appSupportFolder() / store::PersistenceController::kStoreFileName);
+        if (other.loadPersistentStores()) return {};
+        std::vector<std::vector<std::string>> presets;
+        for (const auto& p : other.viewContext().fetchAll<store::IntelligencePreset>())
+            presets.push_back({p->title().value_or(""), p->prompt().value_or(""), p->model().value_or("")});
+        return presets;
     }
     bool rulesOnDiskContain(const std::string& input, const std::string& output) const {
         for (const auto& [i, o] : rulesOnDisk())
@@ -158,6 +173,7 @@ protected:
     std::unique_ptr<MaintenanceManager> maintenance_;
     std::unique_ptr<MessageCenter> messages_;
     std::unique_ptr<HistoryViewModel> historyView_;
+    std::unique_ptr<IntelligencePresetsViewModel> presets_;
     std::unique_ptr<AppWindows> windows_;
     std::unique_ptr<MainWindow> window_;
     std::unique_ptr<platform::QtAppEventMonitor> monitor_;
@@ -177,9 +193,7 @@ TEST_F(DesktopMainWindow, OpeningATabShowsTheWindowOnItAndTheSidebarChoosesTabsT
     windows_->openTab(ContentViewTab::ai);
     ASSERT_TRUE(processUntil([&] { return window_->page(ContentViewTab::ai)->isVisible(); }));
     EXPECT_FALSE(window_->page(ContentViewTab::history)->isVisible());
-    const auto* soon = window_->page(ContentViewTab::ai)->findChild<QLabel*>(QStringLiteral("comingSoon"));
-    ASSERT_NE(soon, nullptr);
-    EXPECT_TRUE(soon->text().startsWith(QStringLiteral("Coming in a later version")));
+    EXPECT_EQ(window_->page(ContentViewTab::ai), window_->aiPane());
 
     // A click in the sidebar selects the tab for everyone.
     QListWidget* sidebar = window_->sidebar();
@@ -289,6 +303,38 @@ TEST_F(DesktopMainWindow, SubstitutionEditsTypedInTheTableReachTheStoreFile) {
     ASSERT_TRUE(processUntil([&] { return !rulesOnDiskContain("teh", "the"); }));
     EXPECT_EQ(model->rowCount(), 3);
     EXPECT_TRUE(processUntil([&] { return pane->testOutput()->text() == QStringLiteral("Teh cat waits"); }));
+}
+
+TEST_F(DesktopMainWindow, AIPresetsTypedInTheAITabReachTheStoreFile) {
+    ASSERT_TRUE(openAndWaitActive(ContentViewTab::ai));
+    auto* pane = window_->aiPane();
+    ASSERT_NE(pane, nullptr);
+    EXPECT_EQ(pane->presetList()->count(), 0);
+    EXPECT_FALSE(pane->titleEdit()->isEnabled()) << "nothing to edit without a preset";
+
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->addButton())));
+    ASSERT_TRUE(processUntil([&] { return presetsOnDisk().size() == 1; }));
+    EXPECT_EQ(presetsOnDisk()[0], (std::vector<std::string>{"New Preset", "", "small-1"}));
+    ASSERT_EQ(pane->presetList()->count(), 1);
+
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->titleEdit())));
+    ASSERT_TRUE(processUntil([&] { return pane->titleEdit()->hasFocus(); }));
+    ASSERT_TRUE(run("xdotool key ctrl+a && xdotool type --delay 20 'Friendly mail'"));
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->promptEdit())));
+    ASSERT_TRUE(processUntil([&] { return pane->promptEdit()->hasFocus(); }));
+    ASSERT_TRUE(run("xdotool type --delay 20 'Rewrite as a friendly mail.'"));
+    pane->modelBox()->setCurrentIndex(1);
+    ASSERT_TRUE(processUntil([&] {
+        const auto presets = presetsOnDisk();
+        return presets.size() == 1 &&
+               presets[0] == std::vector<std::string>{"Friendly mail", "Rewrite as a friendly mail.", "large-2"};
+    })) << "the typed preset is not in the file";
+    EXPECT_EQ(pane->presetList()->item(0)->text().toStdString(), "Friendly mail");
+    desktoptest::saveScreenshot("main-window-ai");
+
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->removeButton())));
+    ASSERT_TRUE(processUntil([&] { return presetsOnDisk().empty(); }));
+    EXPECT_EQ(pane->presetList()->count(), 0);
 }
 
 TEST_F(DesktopMainWindow, SettingsEditorsWriteTheSettingsFile) {

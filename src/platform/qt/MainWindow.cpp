@@ -15,6 +15,7 @@
 #include <QWindow>
 
 #include "base/Log.h"
+#include "platform/qt/AIPane.h"
 #include "platform/qt/HistoryPane.h"
 #include "platform/qt/MainWindowPanes.h"
 #include "platform/qt/QtScreens.h"
@@ -135,11 +136,12 @@ MainWindow::MainWindow(MainWindowDependencies deps, QWidget* parent)
                                       pages_);
             break;
         case ContentViewTab::ai:
-            page = new ComingSoonPane(QStringLiteral("AI"),
-                                      QStringLiteral("Coming in a later version: AI actions on dictated or selected "
-                                                     "text (built-in prompts, tones of voice, translation and your "
-                                                     "own presets), pasted or shown in a results window."),
-                                      pages_);
+            if (deps_.presets) {
+                page = aiPane_ = new AIPane(*deps_.presets, pages_);
+            } else {
+                page = new ComingSoonPane(QStringLiteral("AI"),
+                                          QStringLiteral("The AI presets are not available in this session."), pages_);
+            }
             break;
         case ContentViewTab::sendreport:
             page = new ComingSoonPane(QStringLiteral("Send Report"),
@@ -204,6 +206,9 @@ void MainWindow::pageAppears(ContentViewTab tab) {
     case ContentViewTab::main: mainPane_->refresh(); break;
     case ContentViewTab::settings: settingsPane_->reload(); break;
     case ContentViewTab::substitutions: substitutionsPane_->appear(); break;
+    case ContentViewTab::ai:
+        if (aiPane_) aiPane_->appear();
+        break;
     case ContentViewTab::history:
         if (historyPane_) historyPane_->refreshSoon();
         break;

@@ -23,6 +23,7 @@ class QToolButton;
 
 namespace sprelio {
 class HistoryViewModel;
+class IntelligencePresetsViewModel;
 class MaintenanceManager;
 class SubstitutionsViewModel;
 namespace store {
@@ -34,6 +35,7 @@ class Settings;
 
 namespace sprelio::platform {
 
+class AIPane;
 class HistoryPane;
 class MainPane;
 class QtScreens;
@@ -56,6 +58,8 @@ struct MainWindowDependencies {
     MaintenanceManager* maintenance = nullptr;
     // Lets the Settings tab play the sound it offers; none: no play buttons.
     SoundPlayer* sounds = nullptr;
+    // The AI tab edits these; without them it says that the presets are not available.
+    IntelligencePresetsViewModel* presets = nullptr;
     // "Show in File Manager" of the About tab's folders; none: no such buttons.
     std::function<bool(const std::filesystem::path&)> revealInFileManager;
 };
@@ -92,6 +96,7 @@ public:
     SettingsPane* settingsPane() const { return settingsPane_; }
     SubstitutionsPane* substitutionsPane() const { return substitutionsPane_; }
     HistoryPane* historyPane() const { return historyPane_; }
+    AIPane* aiPane() const { return aiPane_; }
     QLabel* bannerLabel() const { return bannerText_; }
     StatusBannerController& banner() { return *banner_; }
 
@@ -118,6 +123,7 @@ private:
     SettingsPane* settingsPane_ = nullptr;
     SubstitutionsPane* substitutionsPane_ = nullptr;
     HistoryPane* historyPane_ = nullptr;
+    AIPane* aiPane_ = nullptr;
     std::array<QWidget*, 9> pageOf_{};
 };
 

@@ -27,11 +27,7 @@
 
 namespace sprelio::platform {
 
-namespace {
-
-QString qs(const std::string& text) { return QString::fromStdString(text); }
-
-QLabel* heading(const QString& text, QWidget* parent, double scale = 1.5) {
+QLabel* heading(const QString& text, QWidget* parent, double scale) {
     auto* label = new QLabel(text, parent);
     QFont font = label->font();
     font.setBold(true);
@@ -48,6 +44,10 @@ QLabel* noteLabel(const QString& text, QWidget* parent) {
     label->setPalette(grey);
     return label;
 }
+
+namespace {
+
+QString qs(const std::string& text) { return QString::fromStdString(text); }
 
 std::string imageNameFor(AppActivity status) {
     switch (status) {

@@ -18,6 +18,7 @@ class QLineEdit;
 class QSpinBox;
 class QVBoxLayout;
 
+
 namespace sprelio {
 namespace store {
 class AppConstants;
@@ -81,6 +82,10 @@ public:
     AboutPane(const store::AppConstants& constants,
               std::function<bool(const std::filesystem::path&)> revealInFileManager, QWidget* parent = nullptr);
 };
+
+// The look every tab shares: a bold heading (`scale` times the normal size) and a grey, wrapping note.
+QLabel* heading(const QString& text, QWidget* parent, double scale = 1.5);
+QLabel* noteLabel(const QString& text, QWidget* parent);
 
 // A tab whose feature comes in a later version: it says what it will hold.
 class ComingSoonPane final : public QWidget {
