@@ -55,9 +55,7 @@ ApiError diarizationUnsupported(const std::string& engine) {
             true};
 }
 
-ApiError aiNotConfigured() {
-    return {501, "AINotConfigured", "AI completions are not configured on this server", true};
-}
+ApiError aiNotConfigured(std::string message) { return {501, "AINotConfigured", std::move(message), true}; }
 
 ApiError engineUnavailable() {
     return {503, "EngineUnavailable", "The transcription engine of this server could not be started.", false};

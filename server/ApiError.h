@@ -35,7 +35,8 @@ ApiError internalError();
 ApiError undecodableAudio(std::string message);
 ApiError unsupportedLanguage(const std::string& requested, const std::string& supported);
 ApiError diarizationUnsupported(const std::string& engine);
-ApiError aiNotConfigured();
+// No AI service to forward to; `message` says what to set up and where.
+ApiError aiNotConfigured(std::string message);
 ApiError engineUnavailable();
 // The engine's own service failed one request; `message` says how, for the user.
 ApiError transcriptionFailed(std::string message);

@@ -67,15 +67,6 @@ EngineFactory makeEngineFactory(const ServerConfig& config, const std::atomic<bo
     throw std::invalid_argument("unknown transcription engine '" + config.engine + "' (available: " + kEngines + ")");
 }
 
-std::unique_ptr<ChatCompletionClient> makeChatClient(const ServerConfig& config) {
-    if (config.aiUrl.empty()) return nullptr;
-    if (config.aiModel.empty())
-        throw std::invalid_argument("AI completions need the model name the service expects (--ai-model or aiModel)");
-    return std::make_unique<ChatCompletionClient>(
-        ChatSettings{config.aiUrl, resolveApiKey(config.aiKey, config.aiKeyFile), config.aiModel,
-                     std::chrono::seconds(std::max(1, config.aiTimeoutSeconds))});
-}
-
 // Every language of the client's table: the chat models behind this server are multilingual, and the client
 // offers translation targets from that table.
 nlohmann::json aiLanguages() {
@@ -93,7 +84,7 @@ BackendServer::BackendServer(ServerConfig config)
 BackendServer::BackendServer(ServerConfig config, EngineDescription engine, EngineFactory factory)
     : config_(std::move(config)), accounts_(config_.dataFolder),
       slots_(std::move(engine), std::move(factory), config_.engineSlots), http_(std::make_unique<httplib::Server>()) {
-    chat_ = makeChatClient(config_);
+    ai_ = std::make_unique<ChatServiceSource>(config_, &stopping_);
     janitor_ = std::make_unique<UploadJanitor>(uploadFolder(), std::chrono::seconds(config_.fileRetentionSeconds),
                                                std::chrono::seconds(config_.fileCleanupIntervalSeconds));
     local_ = accounts_.ensureLocalAccount(config_.effectiveTokenFile());
@@ -231,10 +222,15 @@ void BackendServer::start() {
     log(LogLevel::info, "BackendServer.start() - listening on " + config_.host + ":" + std::to_string(bound) +
                             ", engine " + slots_.description().name + " with " +
                             std::to_string(slots_.capacity()) + " slot(s), announced as " + url());
-    log(LogLevel::info, chat_ ? "BackendServer.start() - AI completions by " + config_.aiModel + " at " +
-                                    urlHost(chat_->endpoint())
-                              : std::string("BackendServer.start() - AI completions not configured"));
+    if (auto chat = ai_->current())
+        log(LogLevel::info, "BackendServer.start() - AI completions by " + chat->settings().model + " at " +
+                                urlHost(chat->endpoint()));
+    else if (ai_->looks())
+        log(LogLevel::info, "BackendServer.start() - looking for an AI service at " + ai_->lookedAt());
+    else
+        log(LogLevel::info, "BackendServer.start() - AI completions not configured");
     janitor_->start();
+    ai_->start();
 }
 
 void BackendServer::stop() {
@@ -244,6 +240,7 @@ void BackendServer::stop() {
     stopping_ = true;
     signIn_->shutdown();
     janitor_->stop();
+    ai_->stop();
     http_->stop();
     listener_.join();
     log(LogLevel::info, "BackendServer.stop() - stopped");
@@ -294,25 +291,28 @@ void BackendServer::handleUserInfo(const httplib::Request& request, httplib::Res
     // This server is its own AI server: the client posts to its url + "/completions".
     nlohmann::json models = nlohmann::json::array();
     nlohmann::json servers = nlohmann::json::array();
-    if (chat_) {
+    // Asked here too, so that a refresh of the account announces a local service started after this server.
+    auto chat = ai_->acquire().client;
+    if (chat) {
+        const auto& model = chat->settings().model;
         nlohmann::json features = CompletionPrompts::promptIds();
         features.push_back("preset");
-        models.push_back({{"name", config_.aiModel},
-                          {"model", config_.aiModel},
+        models.push_back({{"name", model},
+                          {"model", model},
                           {"languages", aiLanguages()},
                           {"providerType", "openai-compatible"},
-                          {"providerName", urlHost(chat_->endpoint())},
+                          {"providerName", urlHost(chat->endpoint())},
                           {"features", features}});
         servers.push_back({{"uuid", serverUuid_},
                            {"name", config_.name},
                            {"url", url()},
-                           {"models", nlohmann::json::array({config_.aiModel})}});
+                           {"models", nlohmann::json::array({model})}});
     }
 
     nlohmann::json answer = {
         {"flags",
          {{"transcriptionEngine", engine.name}, {"transcriptionLanguages", engine.languages},
-          {"diarization", engine.diarization}, {"aiCompletions", chat_ != nullptr}}},
+          {"diarization", engine.diarization}, {"aiCompletions", chat != nullptr}}},
         {"ai", {{"models", models}, {"servers", servers}}},
         {"balancers", balancers},
         {"user", user},

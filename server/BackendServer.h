@@ -17,7 +17,7 @@
 #include <variant>
 
 #include "server/AccountStore.h"
-#include "server/ChatCompletionClient.h"
+#include "server/ChatServiceSource.h"
 #include "server/CompletionPrompts.h"
 #include "server/EngineSlots.h"
 #include "server/ServerConfig.h"
@@ -65,8 +65,8 @@ public:
     std::filesystem::path reportFolder() const { return config_.dataFolder / "reports"; }
     const ServerConfig& config() const { return config_; }
     UploadJanitor& uploadJanitor() { return *janitor_; }
-    // Whether AI completions are configured.
-    bool hasAi() const { return chat_ != nullptr; }
+    // Whether a chat service for AI completions is known now (configured, or found by a look that has ended).
+    bool hasAi() const { return ai_->current() != nullptr; }
 
 private:
     void installRoutes();
@@ -88,6 +88,8 @@ private:
     void handleCompletions(const httplib::Request& request, httplib::Response& response);
     // Runs one AI request through the chat service; the text, or the error to answer.
     std::variant<std::string, ApiError> complete(const CompletionRequest& request, const char* caller);
+    // The answer when there is no chat service to use.
+    ApiError aiUnavailable(const ChatServiceSource::Lookup& lookup) const;
     const char* allowedMethods(const std::string& path) const;
 
     ServerConfig config_;
@@ -96,9 +98,10 @@ private:
     std::string serverUuid_;
     EngineSlots slots_;
     std::unique_ptr<SignInService> signIn_;
-    std::unique_ptr<ChatCompletionClient> chat_; // null: AI not configured
     std::unique_ptr<UploadJanitor> janitor_;
     std::atomic<bool> stopping_{false};
+    // After stopping_, which cuts its looks short.
+    std::unique_ptr<ChatServiceSource> ai_;
     std::unique_ptr<httplib::Server> http_;
     std::thread listener_;
     std::atomic<int> port_{0};

@@ -1,7 +1,9 @@
 #pragma once
 // The language model behind AI completions: any service that speaks the OpenAI chat-completions protocol
-// (POST <url>/v1/chat/completions with a Bearer key), configured by the operator. One blocking call per
-// completion, no streaming: the client waits for the whole result anyway.
+// (POST <url>/v1/chat/completions with a Bearer key), configured by the operator or found on this machine. One
+// blocking call per completion that asks for the whole answer at once, since the client waits for the whole
+// result anyway; a service that streams it all the same (server-sent events, "data:" lines up to "[DONE]") is
+// understood too.
 #include <atomic>
 #include <chrono>
 #include <string>

@@ -42,8 +42,8 @@ ApiError aiFailure(const ChatFailure& failure) {
 void BackendServer::handleCompletions(const httplib::Request& request, httplib::Response& response) {
     auto account = authorize(request, response);
     if (!account) return;
-    if (!chat_) {
-        api_error::aiNotConfigured().applyTo(response);
+    if (auto service = ai_->acquire(); !service.client) {
+        aiUnavailable(service).applyTo(response);
         return;
     }
     auto body = nlohmann::json::parse(request.body, nullptr, false);
@@ -62,8 +62,21 @@ void BackendServer::handleCompletions(const httplib::Request& request, httplib::
                          "application/json");
 }
 
+ApiError BackendServer::aiUnavailable(const ChatServiceSource::Lookup& lookup) const {
+    if (lookup.failure) return aiFailure(*lookup.failure);
+    if (!config_.aiMissingAdvice.empty()) return api_error::aiNotConfigured(config_.aiMissingAdvice);
+    return api_error::aiNotConfigured(
+        "No AI service is set up on this server: its operator names an OpenAI-compatible chat service with --ai-url "
+        "and --ai-model (aiUrl and aiModel in its configuration file)" +
+        (config_.aiAutoDetect ? ", or starts a local one on " + urlHost(config_.aiAutoDetectUrl) : std::string()) +
+        ".");
+}
+
 std::variant<std::string, ApiError> BackendServer::complete(const CompletionRequest& request, const char* caller) {
-    if (!chat_) return api_error::aiNotConfigured();
+    auto service = ai_->acquire();
+    if (!service.client) return aiUnavailable(service);
+    const ChatCompletionClient& chat = *service.client;
+    const std::string& model = chat.settings().model;
     std::string what = request.kind == CompletionRequest::Kind::preset
                            ? std::string("preset")
                            : request.promptId + (request.promptParam.empty() ? "" : "/" + quotable(request.promptParam));
@@ -72,11 +85,11 @@ std::variant<std::string, ApiError> BackendServer::complete(const CompletionRequ
                         "The text is longer than the AI actions of this server take (" +
                             std::to_string(config_.maxCompletionTextBytes / 1024) + " KB at most).",
                         true};
-    if (request.kind == CompletionRequest::Kind::preset && !request.model.empty() && request.model != config_.aiModel)
+    if (request.kind == CompletionRequest::Kind::preset && !request.model.empty() && request.model != model)
         // Another server may offer that model, so no stop.
         return ApiError{400, "UnknownModel",
                         "This server does not offer the AI model " + quotable(request.model) + "; it offers " +
-                            config_.aiModel + ".",
+                            model + ".",
                         false};
     // Nothing was said: nothing to rewrite, and a model would only invent something.
     if (request.text.find_first_not_of(" \t\r\n") == std::string::npos) {
@@ -85,11 +98,12 @@ std::variant<std::string, ApiError> BackendServer::complete(const CompletionRequ
     }
 
     auto started = Clock::now();
-    auto answer = chat_->complete(CompletionPrompts::messages(request), config_.aiModel, &stopping_);
+    auto answer = chat.complete(CompletionPrompts::messages(request), model, &stopping_);
     auto ms = std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count());
     if (auto* failure = std::get_if<ChatFailure>(&answer)) {
-        log(LogLevel::error, std::string(caller) + " - " + what + ": AI service at " + urlHost(chat_->endpoint()) +
+        log(LogLevel::error, std::string(caller) + " - " + what + ": AI service at " + urlHost(chat.endpoint()) +
                                  " failed after " + ms + " ms: " + failure->detail);
+        if (failure->kind == ChatFailure::Kind::unreachable) ai_->forget(service.client);
         return aiFailure(*failure);
     }
     log(LogLevel::info, std::string(caller) + " - " + what + ": " + std::to_string(request.text.size()) +

@@ -72,7 +72,9 @@ std::variant<OpenAiReply, OpenAiTransportFailure> perform(const OpenAiRequest& r
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, collect);
     curl_easy_setopt(c, CURLOPT_WRITEDATA, &collected);
     curl_easy_setopt(c, CURLOPT_TIMEOUT, static_cast<long>(request.timeout.count()));
-    curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT, std::min(15L, static_cast<long>(request.timeout.count())));
+    curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(std::min<std::chrono::milliseconds>(request.connectTimeout, request.timeout)
+                                           .count()));
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(c, CURLOPT_ERRORBUFFER, errorText);
     curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -86,11 +88,15 @@ std::variant<OpenAiReply, OpenAiTransportFailure> perform(const OpenAiRequest& r
         return OpenAiTransportFailure{"the answer is larger than " + std::to_string(kMaxReplyBytes / (1024 * 1024)) +
                                           " MB",
                                       false};
-    if (rc != CURLE_OK)
-        return OpenAiTransportFailure{errorText[0] ? std::string(errorText) : std::string(curl_easy_strerror(rc)),
-                                      false};
     OpenAiReply reply;
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &reply.status);
+    if (rc != CURLE_OK) {
+        bool brokeOff = reply.status != 0 && (rc == CURLE_PARTIAL_FILE || rc == CURLE_RECV_ERROR);
+        return OpenAiTransportFailure{errorText[0] ? std::string(errorText) : std::string(curl_easy_strerror(rc)),
+                                      false, brokeOff};
+    }
+    if (char* type = nullptr; curl_easy_getinfo(c, CURLINFO_CONTENT_TYPE, &type) == CURLE_OK && type)
+        reply.contentType = type;
     reply.body = std::move(collected.body);
     return reply;
 }
@@ -134,6 +140,13 @@ std::string urlHost(const std::string& url) {
     auto at = authority.rfind('@');
     if (at != std::string::npos) authority = authority.substr(at + 1);
     return authority;
+}
+
+std::variant<OpenAiReply, OpenAiTransportFailure> getJson(const OpenAiRequest& request) {
+    HeaderList headers;
+    append(headers, "Accept: application/json");
+    if (!request.key.empty()) append(headers, "Authorization: Bearer " + request.key);
+    return perform(request, headers.get(), [](CURL* c) { curl_easy_setopt(c, CURLOPT_HTTPGET, 1L); });
 }
 
 std::variant<OpenAiReply, OpenAiTransportFailure> postJson(const OpenAiRequest& request, const std::string& json) {

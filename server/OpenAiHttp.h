@@ -1,7 +1,7 @@
 #pragma once
 // The HTTP side of the OpenAI-compatible services the server forwards to (chat completions, audio
-// transcriptions): endpoint URLs from what the operator configures, the Bearer key, and one blocking POST over
-// libcurl that a server shutdown can cut short.
+// transcriptions, the model list): endpoint URLs from what the operator configures, the Bearer key, and one
+// blocking request over libcurl that a server shutdown can cut short.
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -26,12 +26,16 @@ std::string urlHost(const std::string& url);
 struct OpenAiReply {
     long status = 0;
     std::string body;
+    std::string contentType; // as the service named it; empty when it named none
 };
 
 // The request could not be made or got no answer: connection refused, time-out, TLS failure, cancelled.
 struct OpenAiTransportFailure {
     std::string message;
     bool cancelled = false;
+    // The service had begun to answer (a status came) when the connection broke: a cut answer, not a service
+    // out of reach.
+    bool brokeOff = false;
 };
 
 struct OpenAiPart {
@@ -47,8 +51,12 @@ struct OpenAiRequest {
     std::chrono::seconds timeout{60};
     // Polled while the request runs; once true the request is abandoned.
     const std::atomic<bool>* cancel = nullptr;
+    // The part of `timeout` a connection may take; a probe of a local address wants far less than a service
+    // across the internet.
+    std::chrono::milliseconds connectTimeout{15000};
 };
 
+std::variant<OpenAiReply, OpenAiTransportFailure> getJson(const OpenAiRequest& request);
 std::variant<OpenAiReply, OpenAiTransportFailure> postJson(const OpenAiRequest& request, const std::string& json);
 std::variant<OpenAiReply, OpenAiTransportFailure> postMultipart(const OpenAiRequest& request,
                                                                 const std::vector<OpenAiPart>& parts);

@@ -50,6 +50,13 @@ template <typename T> bool parseNumber(const std::string& text, T& out) {
     return true;
 }
 
+bool parseSwitch(const std::string& text, bool& out) {
+    if (text == "on" || text == "true" || text == "yes" || text == "1") out = true;
+    else if (text == "off" || text == "false" || text == "no" || text == "0") out = false;
+    else return false;
+    return true;
+}
+
 bool parsePeer(const std::string& text, PeerBackend& peer) {
     auto eq = text.find('=');
     if (eq == std::string::npos || eq == 0 || eq + 1 == text.size()) return false;
@@ -108,6 +115,11 @@ std::string serverUsage() {
            "  --ai-key-file PATH   AI completions: file whose first line is the API key\n"
            "  --ai-model NAME      AI completions: model name (required with --ai-url)\n"
            "  --ai-timeout SECONDS AI completions: time allowed for one answer (default 60)\n"
+           "  --ai-auto-detect on|off  AI completions without --ai-url: use a local OpenAI-compatible service\n"
+           "                       if one answers at the --ai-auto-detect-url (looked for at start and, while\n"
+           "                       none is found, at most every 30 s when asked); with --ai-url but no\n"
+           "                       --ai-model: take the service's first model (default off)\n"
+           "  --ai-auto-detect-url URL  where to look for the local service (default http://127.0.0.1:11434)\n"
            "  --file-retention-hours N  remove long-file uploads never transcribed after N hours, 0 keeps\n"
            "                       them (default 24)\n"
            "  --slots N            transcriptions at once (default 2)\n"
@@ -168,6 +180,9 @@ bool applyServerConfigJson(const std::string& jsonText, ServerConfig& config, st
             else if (key == "aiKeyFile") config.aiKeyFile = value.get<std::string>();
             else if (key == "aiModel") config.aiModel = value.get<std::string>();
             else if (key == "aiTimeoutSeconds") config.aiTimeoutSeconds = value.get<int>();
+            else if (key == "aiAutoDetect") config.aiAutoDetect = value.get<bool>();
+            else if (key == "aiAutoDetectUrl") config.aiAutoDetectUrl = value.get<std::string>();
+            else if (key == "aiAutoDetectIntervalSeconds") config.aiAutoDetectIntervalSeconds = value.get<int>();
             else if (key == "maxCompletionTextBytes") config.maxCompletionTextBytes = value.get<std::size_t>();
             else if (key == "fileRetentionSeconds") config.fileRetentionSeconds = value.get<int>();
             else if (key == "fileCleanupIntervalSeconds") config.fileCleanupIntervalSeconds = value.get<int>();
@@ -251,6 +266,8 @@ ConfigParseResult parseServerCommandLine(int argc, const char* const* argv) {
         else if (flag == "--ai-key-file") config.aiKeyFile = value;
         else if (flag == "--ai-model") config.aiModel = value;
         else if (flag == "--ai-timeout") ok = parseNumber(value, config.aiTimeoutSeconds) && config.aiTimeoutSeconds > 0;
+        else if (flag == "--ai-auto-detect") ok = parseSwitch(value, config.aiAutoDetect);
+        else if (flag == "--ai-auto-detect-url") ok = !(config.aiAutoDetectUrl = value).empty();
         else if (flag == "--file-retention-hours") {
             int hours = 0;
             ok = parseNumber(value, hours) && hours >= 0 && hours <= 24 * 365;

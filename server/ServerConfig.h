@@ -74,12 +74,22 @@ struct ServerConfig {
     std::size_t maxSignInWaiters = 4;
 
     // AI completions: an OpenAI-compatible chat-completions service, the same URL forms as openaiUrl. Without
-    // a URL, AI requests are answered with "AINotConfigured" and no AI server is announced.
+    // one (configured or found), AI requests are answered with "AINotConfigured" and no AI server is announced.
     std::string aiUrl;
     std::string aiKey;
     std::filesystem::path aiKeyFile;
-    std::string aiModel; // required with aiUrl: the model name sent to the service and announced to clients
+    std::string aiModel; // required with aiUrl (unless aiAutoDetect): the model sent and announced to clients
     int aiTimeoutSeconds = 60;
+    // Without aiUrl, look for a local OpenAI-compatible service at aiAutoDetectUrl (GET /v1/models) once the
+    // server is up, and again when an AI request finds none, at most once per aiAutoDetectIntervalSeconds; its
+    // model is aiModel when it has that one, else its first. With aiUrl but no aiModel, the model is taken from
+    // that service's list the same way instead of refusing the configuration.
+    bool aiAutoDetect = false;
+    std::string aiAutoDetectUrl = "http://127.0.0.1:11434";
+    int aiAutoDetectIntervalSeconds = 30;
+    // What a user is told when no AI service is at hand: one sentence on what to set up and where. Empty: the
+    // server's own words, which name its options; a program that embeds the server names its own settings.
+    std::string aiMissingAdvice;
     // The longest text an AI request may carry.
     std::size_t maxCompletionTextBytes = 256 * 1024;
 
@@ -102,15 +112,15 @@ struct ConfigParseResult {
 // --engine NAME, --model DIR, --slots N, --threads N, --max-upload-mb N, --max-file-upload-mb N, --token-file PATH,
 // --smtp-url URL, --smtp-from ADDRESS, --openai-url URL, --openai-key KEY, --openai-key-file PATH,
 // --openai-model NAME, --openai-languages LIST, --ai-url URL, --ai-key KEY, --ai-key-file PATH, --ai-model NAME,
-// --ai-timeout SECONDS, --file-retention-hours N.
+// --ai-timeout SECONDS, --ai-auto-detect on|off, --ai-auto-detect-url URL, --file-retention-hours N.
 ConfigParseResult parseServerCommandLine(int argc, const char* const* argv);
 // Keys of the JSON file: host, port, dataFolder, publicUrl, name, peers [{name, url, uuid?}], engine, modelFolder,
 // engineSlots, workerThreads, maxQueuedConnections, maxUploadBytes, maxFileUploadBytes, fileChunkSeconds,
 // maxReportPartBytes, maxAudioSeconds, tokenFile, smtpUrl, smtpFrom, signInValidSeconds, signInCodeAttempts,
 // signInWaitSeconds, maxSignInWaiters, openaiUrl, openaiKey, openaiKeyFile, openaiModel, openaiLanguages,
-// openaiTimeoutSeconds, aiUrl, aiKey, aiKeyFile, aiModel, aiTimeoutSeconds, maxCompletionTextBytes,
-// fileRetentionSeconds, fileCleanupIntervalSeconds. Unknown keys are
-// an error, so that a misspelt key never silently leaves a default in force.
+// openaiTimeoutSeconds, aiUrl, aiKey, aiKeyFile, aiModel, aiTimeoutSeconds, aiAutoDetect, aiAutoDetectUrl,
+// aiAutoDetectIntervalSeconds, maxCompletionTextBytes, fileRetentionSeconds, fileCleanupIntervalSeconds. Unknown
+// keys are an error, so that a misspelt key never silently leaves a default in force.
 bool applyServerConfigJson(const std::string& jsonText, ServerConfig& config, std::string& error);
 std::string serverUsage();
 

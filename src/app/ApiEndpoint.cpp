@@ -6,6 +6,7 @@
 
 #include "base/Log.h"
 #include "server/BackendServer.h"
+#include "server/OpenAiHttp.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"
 
@@ -24,6 +25,7 @@ std::unique_ptr<ApiEndpoint> ApiEndpoint::resolve(store::Settings& settings, con
     config.host = "127.0.0.1";
     config.port = 0;
     config.dataFolder = constants.appSupportFolder() / "server";
+    configureAi(settings, config);
     try {
         endpoint->server_ = std::make_unique<server::BackendServer>(config);
         endpoint->server_->start();
@@ -47,6 +49,36 @@ std::string ApiEndpoint::configuredBaseURL(const store::Settings& settings) {
     if (value == kEmbeddedApi) return value;
     while (!value.empty() && value.back() == '/') value.pop_back();
     return value;
+}
+
+void ApiEndpoint::configureAi(const store::Settings& settings, server::ServerConfig& config) {
+    config.aiUrl = settings.aiServiceURL();
+    config.aiModel = settings.aiServiceModel();
+    // A key file that can't be read would keep the whole server from starting; without it the service answers
+    // for itself that a key is missing.
+    const auto keyFile = settings.aiServiceKeyFile();
+    if (!config.aiUrl.empty() && std::filesystem::exists(keyFile)) {
+        if (std::ifstream(keyFile))
+            config.aiKeyFile = keyFile;
+        else
+            logError("ApiEndpoint.resolve() - the AI service's key file " + keyFile.string() + " can't be read");
+    }
+    config.aiAutoDetect = true;
+    if (const char* variable = std::getenv(kLocalAiURLVariable); variable && *variable) {
+        // A named service without a model still has its model looked up.
+        if (std::string(variable) != "off")
+            config.aiAutoDetectUrl = variable;
+        else if (config.aiUrl.empty())
+            config.aiAutoDetect = false;
+    }
+    config.aiMissingAdvice = "No AI service is set up: name an OpenAI-compatible service in Sprelio's AI settings "
+                             "(URL, model, key), or start a local one on " +
+                             server::urlHost(config.aiAutoDetectUrl) + ".";
+    logInfo("ApiEndpoint.resolve() - AI service: " +
+            (config.aiUrl.empty() ? std::string(config.aiAutoDetect ? "a local one if found" : "none")
+                                  : server::urlHost(config.aiUrl)) +
+            (config.aiModel.empty() ? std::string() : ", model " + config.aiModel) +
+            (config.aiKeyFile.empty() ? std::string() : ", key from its file"));
 }
 
 ApiEndpoint::~ApiEndpoint() {

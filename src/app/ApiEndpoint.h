@@ -1,6 +1,8 @@
 #pragma once
 // Where the account API lives for this process: the setting "apiBaseURL", overridden by SPRELIO_API_BASE_URL.
-// "embedded" runs the bundled server in this process on loopback, with its local account.
+// "embedded" runs the bundled server in this process on loopback, with its local account. Its AI service is the
+// one the settings name (aiServiceURL, aiServiceModel and the key file); without a URL it looks for a local one
+// at 127.0.0.1:11434, or at SPRELIO_LOCAL_AI_URL when that is set ("off": it does not look).
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -13,12 +15,14 @@ class Settings;
 } // namespace store
 namespace server {
 class BackendServer;
-}
+struct ServerConfig;
+} // namespace server
 
 namespace app {
 
 inline constexpr const char* kEmbeddedApi = "embedded";
 inline constexpr const char* kApiBaseURLVariable = "SPRELIO_API_BASE_URL";
+inline constexpr const char* kLocalAiURLVariable = "SPRELIO_LOCAL_AI_URL";
 
 class ApiEndpoint {
 public:
@@ -29,6 +33,8 @@ public:
     // What resolve() would use, without starting anything: the variable when set, else the setting; "embedded" or
     // a base URL without a trailing slash.
     static std::string configuredBaseURL(const store::Settings& settings);
+    // The AI part of the embedded server's configuration, from the settings and SPRELIO_LOCAL_AI_URL.
+    static void configureAi(const store::Settings& settings, server::ServerConfig& config);
     ~ApiEndpoint();
     ApiEndpoint(const ApiEndpoint&) = delete;
     ApiEndpoint& operator=(const ApiEndpoint&) = delete;

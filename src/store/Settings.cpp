@@ -5,8 +5,10 @@
 #include <charconv>
 #include <climits>
 #include <cmath>
+#include <fstream>
 
 #include "base/Log.h"
+#include "store/AtomicFile.h"
 
 namespace sprelio::store {
 
@@ -84,7 +86,11 @@ constexpr const char* sendReportViewMessage = "sendReportViewMessage";
 constexpr const char* SelectedFolderBookmark = "SelectedFolderBookmark";
 constexpr const char* AppleLanguages = "AppleLanguages";
 constexpr const char* apiBaseURL = "apiBaseURL";
+constexpr const char* aiServiceURL = "aiServiceURL";
+constexpr const char* aiServiceModel = "aiServiceModel";
 } // namespace K
+
+constexpr const char* kAiServiceKeyFileName = "ai-service-key";
 
 const std::vector<SettingDescription>& Settings::catalogue() {
     using T = SettingType;
@@ -141,6 +147,8 @@ const std::vector<SettingDescription>& Settings::catalogue() {
         {K::SelectedFolderBookmark, T::data, true, "chosen recordings folder (written, never read)"},
         {K::AppleLanguages, T::stringArray, false, "preferred languages"},
         {K::apiBaseURL, T::string, false, "account API base URL, or \"embedded\""},
+        {K::aiServiceURL, T::string, false, "OpenAI-compatible AI service of the embedded server (\"\": a local one)"},
+        {K::aiServiceModel, T::string, false, "model of that AI service (\"\": its first)"},
     };
     return list;
 }
@@ -312,6 +320,8 @@ json Settings::defaultValue(std::string_view key) const {
         {K::sendReportViewPhone, ""},
         {K::sendReportViewMessage, ""},
         {K::apiBaseURL, "embedded"},
+        {K::aiServiceURL, ""},
+        {K::aiServiceModel, ""},
     };
     if (auto it = fixed.find(key); it != fixed.end()) return it->second;
     if (key == K::saveRecordingsFolder) return constants_.recordingsFolder().string();
@@ -545,6 +555,8 @@ SPR_BOOL(appShowDockIcon, AppShowDockIcon)
 SPR_BOOL(isFirstLaunch, IsFirstLaunch)
 SPR_INT(lastKnownBuild, LastKnownBuild)
 SPR_STRING(apiBaseURL, ApiBaseURL)
+SPR_STRING(aiServiceURL, AiServiceURL)
+SPR_STRING(aiServiceModel, AiServiceModel)
 SPR_STRING_ARRAY(AppleLanguages, AppleLanguages)
 SPR_INT(overlaySize, OverlaySize)
 SPR_BOOL(floatingButtonActivation, FloatingButtonActivation)
@@ -625,6 +637,47 @@ void Settings::setUserDetailsResponse(std::optional<json> value) {
         store_.set(K::userDetailsResponse, std::move(*value));
     else
         store_.remove(K::userDetailsResponse);
+}
+
+std::filesystem::path Settings::aiServiceKeyFile() const {
+    return constants_.settingsFile().parent_path() / kAiServiceKeyFileName;
+}
+
+std::optional<std::string> Settings::aiServiceKey() const {
+    std::ifstream in(aiServiceKeyFile(), std::ios::binary);
+    if (!in) return std::nullopt;
+    std::string line;
+    std::getline(in, line);
+    line = trim(line);
+    if (line.empty()) return std::nullopt;
+    return line;
+}
+
+std::string Settings::setAiServiceKey(std::string_view key) {
+    const std::string text = trim(key);
+    if (text.empty()) return "the key is empty";
+    // The server reads the first line as the key; anything else in it would end up in a request header.
+    if (std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }))
+        return "the key must be one line of printable text";
+    const auto file = aiServiceKeyFile();
+    std::error_code ec;
+    std::filesystem::create_directories(file.parent_path(), ec);
+    if (ec) return "cannot create " + file.parent_path().string() + ": " + ec.message();
+    auto error = writeFileAtomically(file, text + "\n", 0600);
+    // Never the key itself: the log goes into problem reports.
+    if (error.empty())
+        logInfo("Settings.setAiServiceKey() - key stored in " + file.string());
+    else
+        logError("Settings.setAiServiceKey() - cannot write " + file.string() + ": " + error);
+    return error;
+}
+
+std::string Settings::clearAiServiceKey() {
+    std::error_code ec;
+    std::filesystem::remove(aiServiceKeyFile(), ec);
+    if (ec) return "cannot remove " + aiServiceKeyFile().string() + ": " + ec.message();
+    logInfo("Settings.clearAiServiceKey() - key removed");
+    return {};
 }
 
 } // namespace sprelio::store

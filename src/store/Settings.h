@@ -25,6 +25,9 @@
 // - SelectedFolderBookmark ("data" on macOS) is the chosen folder's path text on Linux; written, never read.
 // - AppleLanguages defaults to AppConstants::preferredLanguages().
 // - apiBaseURL defaults to "embedded".
+// - aiServiceURL / aiServiceModel (default "" each) name the embedded server's AI service; with no URL it
+//   looks for a local one. The service's key is no setting, so that no listing or copy of the settings shows
+//   it: it is a file of its own beside the settings file (aiServiceKeyFile(), mode 0600).
 // - "KeyboardShortcuts_<UUID>" keys stay plain keys of the store; see kKeyboardShortcutsPrefix.
 #include <filesystem>
 #include <map>
@@ -142,6 +145,21 @@ public:
     void setLastKnownBuild(int value);
     std::string apiBaseURL() const;                   // "embedded" (Linux)
     void setApiBaseURL(std::string value);
+    std::string aiServiceURL() const;                 // "" (look for a local service)
+    void setAiServiceURL(std::string value);
+    std::string aiServiceModel() const;               // "" (the service's first model)
+    void setAiServiceModel(std::string value);
+
+    // ---- The AI service's key: a file of its own, never a setting ----
+    // <configHome>/Sprelio/ai-service-key, next to the settings file.
+    std::filesystem::path aiServiceKeyFile() const;
+    // None when no key is stored (or the file can't be read).
+    std::optional<std::string> aiServiceKey() const;
+    // Writes the key atomically with mode 0600; a key is one line of printable text, surrounding spaces dropped.
+    // "" on success, else why it was not stored.
+    std::string setAiServiceKey(std::string_view key);
+    // Removes the file; "" on success (also when there was none), else why not.
+    std::string clearAiServiceKey();
     std::vector<std::string> AppleLanguages() const;  // AppConstants::preferredLanguages()
     void setAppleLanguages(std::vector<std::string> value);
 

@@ -14,6 +14,20 @@ MessageCenter::MessageCenter(platform::Platform platform, store::Settings& setti
     : platform_(platform), settings_(settings), appState_(appState), presenter_(presenter),
       appName_(std::move(appName)) {}
 
+namespace {
+
+// The server's error name travels as the title of a string error, or as the domain of an error built from the
+// answer directly.
+std::optional<std::string> oncePerRunName(const Error& error) {
+    const auto title = error.userInfo.find("title");
+    for (const auto name : kOncePerRunErrorNames) {
+        if (error.domain == name || (title != error.userInfo.end() && title->second == name)) return std::string(name);
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
 platform::Rect MessageCenter::toastFrame(const platform::Rect& screen) {
     return platform::Rect{screen.x + (screen.width - kToastWidth) / 2, screen.y + (screen.height - kToastHeight) / 2,
                           kToastWidth, kToastHeight};
@@ -44,6 +58,10 @@ void MessageCenter::showAlertForError(std::optional<Error> error, std::optional<
 
         // Cleared when a dictation sets up its overlay, so only repeats within one dictation are suppressed.
         if (appState_.lastKnownErrorLocalizedDescription() == description && !showRepeated) return;
+        if (const auto name = oncePerRunName(err); name && !shownOncePerRun_.insert(*name).second) {
+            logInfo("showAlertForError() - " + *name + " was shown in this run already, not again");
+            return;
+        }
         appState_.setLastKnownErrorLocalizedDescription(description);
 
         if (settings_.soundEnabled()) platform_.sounds.play("Glass");

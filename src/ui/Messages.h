@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +23,9 @@ enum class SPRToastViewWarningLevel { error, warning, message };
 
 inline constexpr std::string_view kNeverShowAgainText = "Never show this again.";
 inline constexpr std::string_view kDefaultTapActionText = "Click here to dismiss";
+// Server errors that say how to set something up rather than what went wrong: a reminder at every request would
+// only nag, so they are shown once per run of the application.
+inline constexpr std::string_view kOncePerRunErrorNames[] = {"AINotConfigured"};
 
 // What one toast shows. The check box and the button call back into the message path.
 struct SPRToastView {
@@ -80,6 +84,8 @@ private:
     ToastPresenter& presenter_;
     std::string appName_;
     std::size_t sprToastViewControllers_ = 0;
+    // The once-per-run errors shown so far; main loop only.
+    std::set<std::string, std::less<>> shownOncePerRun_;
 };
 
 } // namespace sprelio

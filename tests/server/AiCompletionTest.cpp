@@ -312,7 +312,10 @@ TEST_F(AiServerTest, WithoutAChatServiceAiRequestsAreClearErrorsWithStop) {
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0]["text"], "Hello from the scripted service.");
     EXPECT_EQ(lines[1]["error"], "AINotConfigured");
-    EXPECT_EQ(lines[1]["message"], "AI completions are not configured on this server");
+    // One sentence that says what to set up and where: for this server, its operator's options.
+    EXPECT_EQ(lines[1]["message"], "No AI service is set up on this server: its operator names an OpenAI-compatible "
+                                   "chat service with --ai-url and --ai-model (aiUrl and aiModel in its configuration "
+                                   "file).");
     EXPECT_EQ(lines[1]["stop"], true);
     EXPECT_TRUE(chat_.chats().empty());
 }
@@ -511,7 +514,7 @@ TEST_F(AiUploadThroughClient, WithoutAChatServiceTheTranscriptArrivesThenAStopWi
     EXPECT_EQ((*outcome->calls[0].result)["text"], "Hello from the scripted service.");
     EXPECT_FALSE(outcome->calls[1].result);
     ASSERT_TRUE(outcome->calls[1].error);
-    EXPECT_NE(outcome->calls[1].error->localizedDescription.find("AI completions are not configured on this server"),
+    EXPECT_NE(outcome->calls[1].error->localizedDescription.find("No AI service is set up on this server"),
               std::string::npos)
         << outcome->calls[1].error->localizedDescription;
     // A stop: the recording was not uploaded a second time.

@@ -210,7 +210,8 @@ TEST_F(BackendServerTest, RequestsTheEngineCannotServeAreClearErrorsWithStop) {
     EXPECT_EQ(firstLine["language"], "en");
     auto secondLine = json::parse(ai->body.substr(ai->body.find('\n') + 1));
     EXPECT_EQ(secondLine["error"], "AINotConfigured");
-    EXPECT_EQ(secondLine["message"], "AI completions are not configured on this server");
+    EXPECT_EQ(secondLine["message"].get<std::string>().rfind("No AI service is set up on this server: ", 0), 0u)
+        << secondLine["message"];
     EXPECT_EQ(secondLine["stop"], true);
 
     // A language list that holds one language of the engine is served, whatever its place and region.

@@ -1,8 +1,12 @@
 #pragma once
 // An OpenAI-compatible service of the test's own on 127.0.0.1: POST /v1/chat/completions and
-// /v1/audio/transcriptions, answered as the test scripts them, every request recorded with its headers, its
-// body and its multipart parts.
+// /v1/audio/transcriptions, GET /v1/models, answered as the test scripts them, every request recorded with its
+// headers, its body and its multipart parts.
+#include <arpa/inet.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <condition_variable>
 #include <functional>
@@ -46,8 +50,11 @@ public:
     };
     using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
 
-    ScriptedOpenAiService() {
+    // `port` 0: any free port.
+    explicit ScriptedOpenAiService(int port = 0) {
         chat_ = [](const httplib::Request&, httplib::Response& response) { chatAnswer(response, "Completed text."); };
+        // Not every service lists its models; those that do are scripted by the test.
+        models_ = [](const httplib::Request&, httplib::Response& response) { response.status = 404; };
         transcription_ = [](const httplib::Request&, httplib::Response& response) {
             response.set_content(R"({"text":"Hello from the scripted service."})", "application/json");
         };
@@ -59,7 +66,12 @@ public:
             record(q);
             handler(transcription_)(q, r);
         });
-        port_ = server_.bind_to_any_port("127.0.0.1");
+        server_.Get("/v1/models", [this](const httplib::Request& q, httplib::Response& r) {
+            record(q);
+            handler(models_)(q, r);
+        });
+        port_ = port == 0 ? server_.bind_to_any_port("127.0.0.1")
+                          : (server_.bind_to_port("127.0.0.1", port) ? port : -1);
         if (port_ <= 0) throw std::runtime_error("the scripted service cannot listen");
         thread_ = std::thread([this] { server_.listen_after_bind(); });
         while (!server_.is_running()) std::this_thread::yield();
@@ -85,6 +97,11 @@ public:
         std::lock_guard lock(mutex_);
         transcription_ = std::move(handler);
     }
+    void onModels(Handler handler) {
+        std::lock_guard lock(mutex_);
+        models_ = std::move(handler);
+    }
+    int port() const { return port_; }
 
     std::vector<Received> received() const {
         std::lock_guard lock(mutex_);
@@ -100,6 +117,7 @@ public:
     }
     std::vector<Received> chats() const { return received("/chat/completions"); }
     std::vector<Received> transcriptions() const { return received("/audio/transcriptions"); }
+    std::vector<Received> modelLists() const { return received("/v1/models"); }
 
     static void chatAnswer(httplib::Response& response, const std::string& content) {
         nlohmann::json choice = {{"index", 0},
@@ -108,6 +126,23 @@ public:
         nlohmann::json answer = {
             {"id", "chatcmpl-test"}, {"object", "chat.completion"}, {"choices", nlohmann::json::array({choice})}};
         response.set_content(answer.dump(), "application/json");
+    }
+
+    // The OpenAI model list of a local runner: {"object": "list", "data": [{"id": ..., "object": "model"}]}.
+    static void modelList(httplib::Response& response, const std::vector<std::string>& ids) {
+        nlohmann::json data = nlohmann::json::array();
+        for (const auto& id : ids) data.push_back({{"id", id}, {"object", "model"}, {"owned_by", "library"}});
+        response.set_content(nlohmann::json{{"object", "list"}, {"data", data}}.dump(), "application/json");
+    }
+
+    // One chunk of a streamed chat answer as the services send it: "data: {...}" and a blank line.
+    static std::string streamChunk(const nlohmann::json& delta, const nlohmann::json& finishReason = nullptr) {
+        nlohmann::json chunk = {{"id", "chatcmpl-test"},
+                                {"object", "chat.completion.chunk"},
+                                {"choices", nlohmann::json::array({{{"index", 0},
+                                                                    {"delta", delta},
+                                                                    {"finish_reason", finishReason}}})}};
+        return "data: " + chunk.dump() + "\n\n";
     }
 
 private:
@@ -129,8 +164,37 @@ private:
     mutable std::mutex mutex_;
     Handler chat_;
     Handler transcription_;
+    Handler models_;
     std::vector<Received> received_;
 };
+
+// A loopback port whose connections the kernel accepts into the backlog and nobody ever answers.
+class SilentListener {
+public:
+    SilentListener() {
+        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr*>(&address), size) != 0 || ::listen(fd_, 16) != 0 ||
+            ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+            throw std::runtime_error("the silent listener cannot listen");
+        port_ = ntohs(address.sin_port);
+    }
+    ~SilentListener() { ::close(fd_); }
+    SilentListener(const SilentListener&) = delete;
+    SilentListener& operator=(const SilentListener&) = delete;
+    int port() const { return port_; }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+private:
+    int fd_ = -1;
+    int port_ = 0;
+};
+
+// A loopback port nothing listens on: one that was free a moment ago.
+inline int closedPort() { return SilentListener().port(); }
 
 // Holds the requests that wait on it until the test opens it.
 class TestGate {

@@ -70,6 +70,8 @@ TEST(SettingsDefaults, EveryKeyOfTheCatalogueReadsItsDocumentedDefaultFromAnEmpt
         {"SelectedFolderBookmark", nullptr},
         {"AppleLanguages", json::array({"en"})},
         {"apiBaseURL", "embedded"},
+        {"aiServiceURL", ""},
+        {"aiServiceModel", ""},
     };
     std::set<std::string> listed;
     for (const auto& [key, value] : expected) {
@@ -140,6 +142,9 @@ TEST(SettingsDefaults, TypedGettersReturnTheDocumentedDefaults) {
     EXPECT_FALSE(s.SelectedFolderBookmark());
     EXPECT_EQ(s.AppleLanguages(), std::vector<std::string>{"en"});
     EXPECT_EQ(s.apiBaseURL(), "embedded");
+    EXPECT_EQ(s.aiServiceURL(), "");
+    EXPECT_EQ(s.aiServiceModel(), "");
+    EXPECT_FALSE(s.aiServiceKey());
 }
 
 TEST(SettingsDefaults, TranslationLanguagesStartWithTheSystemLanguageThenEnglish) {

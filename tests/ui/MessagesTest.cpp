@@ -190,6 +190,48 @@ TEST_F(Messages, CallableFromAnyThread) {
     EXPECT_EQ(toasts.shown[0].toast.messageText, "from a worker");
 }
 
+TEST_F(Messages, AnErrorThatSaysWhatToSetUpIsShownOncePerRun) {
+    const std::string advice = "No AI service is set up: name an OpenAI-compatible service in Sprelio's AI settings "
+                               "(URL, model, key), or start a local one on 127.0.0.1:11434.";
+    const Error notSetUp = SPRStringError::errorMessageError(std::string("AINotConfigured"), advice).toError();
+    messages.showAlertForError(notSetUp, 501);
+    tp.runUntilIdle();
+    ASSERT_EQ(toasts.shown.size(), 2u); // two screens
+    EXPECT_EQ(toasts.shown[0].toast.messageText, advice);
+
+    // Every later dictation with an AI action gets the same answer: no toast, no sound, even when repeats are asked.
+    for (bool showRepeated : {false, true}) {
+        appState.setLastKnownErrorLocalizedDescription(std::nullopt); // what a new dictation does
+        tp.clearCalls();
+        messages.showAlertForError(notSetUp, 501, showRepeated);
+        tp.runUntilIdle();
+        EXPECT_FALSE(tp.called("sound:Glass"));
+    }
+    // The same name as the domain of an error built from the server's answer.
+    appState.setLastKnownErrorLocalizedDescription(std::nullopt);
+    messages.showAlertForError(Error{"AINotConfigured", 501, advice, {}});
+    tp.runUntilIdle();
+    EXPECT_EQ(toasts.shown.size(), 2u);
+    EXPECT_EQ(logs.count("showAlertForError() - AINotConfigured was shown in this run already, not again"), 3u);
+
+    // Any other error still shows at every dictation.
+    for (int dictation = 0; dictation < 2; ++dictation) {
+        appState.setLastKnownErrorLocalizedDescription(std::nullopt);
+        messages.showAlertForError(failure("Upload failed."));
+        tp.runUntilIdle();
+    }
+    EXPECT_EQ(toasts.shown.size(), 6u);
+
+    // The next run of the application shows it again, once.
+    RecordingToasts nextToasts;
+    MessageCenter nextRun{tp.platform(), settings, appState, nextToasts, "Sprelio"};
+    appState.setLastKnownErrorLocalizedDescription(std::nullopt);
+    nextRun.showAlertForError(notSetUp);
+    nextRun.showAlertForError(notSetUp, std::nullopt, true);
+    tp.runUntilIdle();
+    EXPECT_EQ(nextToasts.shown.size(), 2u);
+}
+
 TEST(LocalizedErrors, TextsRawValuesAndConversion) {
     EXPECT_EQ(sprelio::errorDescription(SPRLocalizedError::unknownError, "Sprelio"), "Unknown Error");
     EXPECT_EQ(sprelio::errorDescription(SPRLocalizedError::userCancelledRecordingError, "Sprelio"),
