@@ -95,7 +95,9 @@ void BackendServer::handleReport(const httplib::Request& request, httplib::Respo
                .dump();
     std::filesystem::rename(folder, reportFolder() / id);
     cleanup.path.clear();
-    log(LogLevel::info, "BackendServer.handleReport() - problem report " + id + " stored");
+    // The operator finds the report by the path in the server's log.
+    log(LogLevel::info, "BackendServer.handleReport() - problem report " + id + " stored in " +
+                            (reportFolder() / id).string());
     response.set_content(nlohmann::json{{"uuid", id}, {"message", "The report was received."}}.dump(),
                          "application/json");
 }

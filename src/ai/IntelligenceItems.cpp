@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <map>
 
 #include "base/Log.h"
 
@@ -49,6 +50,78 @@ IntelligenceItem classifyIntelligenceItem(const std::string& itemId, const std::
     }
     if (std::find(presetIds.begin(), presetIds.end(), itemId) != presetIds.end()) return {Kind::preset, itemId};
     return {Kind::notFound, {}};
+}
+
+std::string_view intelligenceRowLabel(IntelligenceRow row) {
+    switch (row) {
+    case IntelligenceRow::editor: return "Editor";
+    case IntelligenceRow::builtIn: return "BuiltIn";
+    case IntelligenceRow::postProcess: return "Process";
+    case IntelligenceRow::tone: return "Tone";
+    case IntelligenceRow::translate: return "Translate";
+    case IntelligenceRow::custom: return "Custom";
+    case IntelligenceRow::other: return "Other";
+    }
+    return "";
+}
+
+std::string_view intelligenceRowPickerLabel(IntelligenceRow row) {
+    return row == IntelligenceRow::translate ? "Translate to" : intelligenceRowLabel(row);
+}
+
+namespace {
+
+// The faces by case name. The labels of the hard-coded items, the built-in prompts and the local steps, and the
+// built-in prompts' emoji, are the catalogue's own; `askAI` has no label of its own and is shown as "Ask AI". The
+// tones are shown by their names, and the remaining emoji are chosen so that every item can be told apart.
+const std::map<std::string_view, IntelligenceItemFace>& fixedFaces() {
+    static const std::map<std::string_view, IntelligenceItemFace> faces = {
+        {"editor", {"Editor", "✏️"}},
+        {"useAsIs", {"Use as is", "✅"}},
+        {"showActionsDialog", {"Show actions dialog", "💬"}},
+        {"askAI", {"Ask AI", "🤖"}},
+        {"addEmoji", {"Add Emoji", "📝"}},
+        {"improveWriting", {"Improve Writing", "✍️"}},
+        {"fixGrammar", {"Fix Grammar", "✨"}},
+        {"uppercaseAll", {"UPPERCASE ALL", "🔠"}},
+        {"lowercaseAll", {"lowercase all", "🔡"}},
+        {"lowercaseFirstChar", {"start with a lowercase letter", "⬇️"}},
+        {"uppercaseFirstChar", {"Start with an Uppercase letter", "⬆️"}},
+        {"trimEndingPunctuation", {"Trim Ending Punctuation", "✂️"}},
+        {"professional", {"Professional", "💼"}},
+        {"formal", {"Formal", "🎩"}},
+        {"fun", {"Fun", "😄"}},
+        {"flirt", {"Flirt", "😘"}},
+        {"positive", {"Positive", "👍"}},
+        {"negative", {"Negative", "👎"}},
+        {"neutral", {"Neutral", "😐"}},
+    };
+    return faces;
+}
+
+} // namespace
+
+std::optional<IntelligenceItemFace> fixedIntelligenceItemFace(const IntelligenceItem& item) {
+    using Kind = IntelligenceItem::Kind;
+    switch (item.kind) {
+    case Kind::hardCoded:
+    case Kind::builtIn:
+    case Kind::postProcess:
+    case Kind::tone: {
+        const auto& faces = fixedFaces();
+        const auto found = faces.find(item.name);
+        if (found == faces.end()) return std::nullopt;
+        return found->second;
+    }
+    case Kind::translation:
+        for (const auto& language : languageTable()) {
+            if (language.code == item.name) return IntelligenceItemFace{language.localized, "🌐"};
+        }
+        return std::nullopt;
+    case Kind::preset:
+    case Kind::notFound: break;
+    }
+    return std::nullopt;
 }
 
 std::optional<AICompletionPromptId> promptIdForItemWithId(const std::string& itemId,

@@ -7,7 +7,11 @@
 #include "base/Log.h"
 #include "platform/Sounds.h"
 #include "store/AppConstants.h"
+#include "store/DatabaseHelpers.h"
+#include "store/Entities.h"
+#include "store/ManagedObjectContext.h"
 #include "store/Settings.h"
+#include "base/Uuid.h"
 #include "base/TextCase.h"
 
 namespace sprelio {
@@ -90,7 +94,10 @@ CompletionRequests completionRequests(
     return requests;
 }
 
-IntelligenceViewModelImpl::IntelligenceViewModelImpl(Dependencies deps) : deps_(std::move(deps)) {}
+IntelligenceViewModelImpl::IntelligenceViewModelImpl(Dependencies deps) : deps_(std::move(deps)) {
+    checkAndFixMissingIntelligencePresetUUID("IntelligenceViewModel.init");
+    intelligencePresetsDidChange();
+}
 
 std::optional<AICompletionPromptId> IntelligenceViewModelImpl::promptIdForItemWithId(const std::string& itemId) {
     return sprelio::promptIdForItemWithId(itemId, deps_.presetIds ? deps_.presetIds() : std::vector<std::string>{},
@@ -100,6 +107,18 @@ std::optional<AICompletionPromptId> IntelligenceViewModelImpl::promptIdForItemWi
 void IntelligenceViewModelImpl::executeActionForItemWithText(
     const std::string& itemId, const std::string& text, bool expectingCompletion,
     std::optional<IntelligenceActionCompletionType> completionType) {
+    run(itemId, text, expectingCompletion, completionType, Origin::session);
+}
+
+void IntelligenceViewModelImpl::executeActionForItemWithText(
+    const std::string& itemId, const std::string& text, bool close, bool expectingCompletion,
+    std::optional<IntelligenceActionCompletionType> completionType) {
+    run(itemId, text, expectingCompletion, completionType,
+        close ? Origin::resultsDialogClosing : Origin::resultsDialogStaying);
+}
+
+void IntelligenceViewModelImpl::run(const std::string& itemId, const std::string& text, bool expectingCompletion,
+                                    std::optional<IntelligenceActionCompletionType> completionType, Origin origin) {
     logInfo(std::string("executeActionForItemWithText() - text: ") + std::string(kPrivatized));
     using Kind = IntelligenceItem::Kind;
     const auto item =
@@ -115,7 +134,11 @@ void IntelligenceViewModelImpl::executeActionForItemWithText(
     case Kind::hardCoded:
         if (item.name == caseName(HardCodedItem::useAsIs)) {
             logInfo("executeActionForItemWithText() - Item == .useAsIs: /");
-            if (deps_.performPasting) deps_.performPasting(text);
+            if (origin != Origin::session) {
+                deliver(text, completionType, origin);
+            } else if (deps_.performPasting) {
+                deps_.performPasting(text);
+            }
         } else if (item.name == caseName(HardCodedItem::showActionsDialog)) {
             logInfo("executeActionForItemWithText() - Item == .showActionsDialog: /");
             if (deps_.showResults) deps_.showResults(text);
@@ -131,29 +154,29 @@ void IntelligenceViewModelImpl::executeActionForItemWithText(
             logInfo(std::string("processTextWithPostProcess() - text: ") + std::string(kPrivatized) +
                     " - postProcess: " + item.name + " - intelligenceActionCompletionType: " +
                     (completionType ? std::string(intelligenceActionCompletionTypeRawValue(*completionType)) : "nil"));
-            deliver(result, completionType);
+            deliver(result, completionType, origin);
         }
         return;
     }
     case Kind::builtIn:
         logInfo("executeActionForItemWithText() - Item == .builtIn: " + item.name);
         for (const auto prompt : kBuiltInPrompts) {
-            if (caseName(prompt) == item.name) processTextWithBuiltInPrompt(text, prompt, completionType);
+            if (caseName(prompt) == item.name) processTextWithBuiltInPrompt(text, prompt, completionType, origin);
         }
         return;
     case Kind::tone:
         logInfo("executeActionForItemWithText() - Item == .tone: " + item.name);
         for (const auto tone : kTonesOfVoice) {
-            if (caseName(tone) == item.name) processTextWithToneOfVoice(text, tone, completionType);
+            if (caseName(tone) == item.name) processTextWithToneOfVoice(text, tone, completionType, origin);
         }
         return;
     case Kind::translation:
         logInfo("executeActionForItemWithText() - Item == .translation (using AppConstants.languages): " + item.name);
-        processTextWithLanguage(text, item.name, completionType);
+        processTextWithLanguage(text, item.name, completionType, origin);
         return;
     case Kind::preset:
         logInfo("executeActionForItemWithText() - Item == IntelligencePreset: " + item.name);
-        processTextWithPreset(text, item.name, completionType);
+        processTextWithPreset(text, item.name, completionType, origin);
         return;
     case Kind::notFound: return;
     }
@@ -174,54 +197,53 @@ AICompletionPromptId IntelligenceViewModelImpl::promptFor(std::string promptId, 
 }
 
 void IntelligenceViewModelImpl::processTextWithBuiltInPrompt(
-    const std::string& text, BuiltInPrompt prompt, std::optional<IntelligenceActionCompletionType> completionType) {
+    const std::string& text, BuiltInPrompt prompt, std::optional<IntelligenceActionCompletionType> completionType,
+    Origin origin) {
     logInfo("processTextWithBuiltInPrompt() - text: " + std::string(kPrivatized) + " - builtInPrompt: " +
             std::string(caseName(prompt)) + " - intelligenceActionCompletionType: " + completionTypeText(completionType));
     runOnServer("processTextWithBuiltInPrompt", text, promptFor(std::string(serverPromptId(prompt)), "", text),
-                std::nullopt, completionType);
+                std::nullopt, completionType, origin);
 }
 
 void IntelligenceViewModelImpl::processTextWithToneOfVoice(
-    const std::string& text, ToneOfVoice tone, std::optional<IntelligenceActionCompletionType> completionType) {
+    const std::string& text, ToneOfVoice tone, std::optional<IntelligenceActionCompletionType> completionType,
+    Origin origin) {
     logInfo("processTextWithToneOfVoice() - text: " + std::string(kPrivatized) + " - toneOfVoice: " +
             std::string(caseName(tone)) + " - intelligenceActionCompletionType: " + completionTypeText(completionType));
     runOnServer("processTextWithToneOfVoice", text, promptFor("tone", std::string(caseName(tone)), text),
-                std::nullopt, completionType);
+                std::nullopt, completionType, origin);
 }
 
 void IntelligenceViewModelImpl::processTextWithLanguage(
     const std::string& text, const std::string& languageCode,
-    std::optional<IntelligenceActionCompletionType> completionType) {
+    std::optional<IntelligenceActionCompletionType> completionType, Origin origin) {
     logInfo("processTextWithLanguage() - text: " + std::string(kPrivatized) + " - language: " + languageCode +
             " - intelligenceActionCompletionType: " + completionTypeText(completionType));
     runOnServer("processTextWithLanguage", text, promptFor("translate", languageCode, text), std::nullopt,
-                completionType);
+                completionType, origin);
 }
 
 void IntelligenceViewModelImpl::processTextWithPreset(
     const std::string& text, const std::string& presetId,
-    std::optional<IntelligenceActionCompletionType> completionType) {
+    std::optional<IntelligenceActionCompletionType> completionType, Origin origin) {
     logInfo("processTextWithPreset() - text: " + std::string(kPrivatized) + " - preset: " + presetId +
             " - intelligenceActionCompletionType: " + completionTypeText(completionType));
-    runOnServer("processTextWithPreset", text, promptFor("", "", text), presetId, completionType);
+    runOnServer("processTextWithPreset", text, promptFor("", "", text), presetId, completionType, origin);
 }
 
 void IntelligenceViewModelImpl::runOnServer(const std::string& method, const std::string& text,
                                             const AICompletionPromptId& prompt,
                                             const std::optional<std::string>& presetId,
-                                            std::optional<IntelligenceActionCompletionType> completionType) {
+                                            std::optional<IntelligenceActionCompletionType> completionType,
+                                            Origin origin) {
     if (deps_.showIntelligizingOverlay) deps_.showIntelligizingOverlay();
-    auto answered = lifetime_.guard([this, method, text, completionType](std::optional<std::string> result,
-                                                                       std::optional<std::string> failure) {
+    auto answered = lifetime_.guard([this, method, text, completionType, origin](
+                                        std::optional<std::string> result, std::optional<std::string> failure) {
         if (result) {
-            deliver(*result, completionType);
+            deliver(*result, completionType, origin);
             return;
         }
-        logError(method + "() - recordAndProcessWithAI completion failed with error: " +
-                 failure.value_or("no answer") + " - will paste transcribed text instead: " +
-                 std::string(kPrivatized));
-        deps_.sounds.play("Glass");
-        if (deps_.performPasting) deps_.performPasting(text);
+        pasteAfterAFailure(method, text, failure.value_or("no answer"), origin);
     });
     const auto& requests = deps_.completions;
     if (presetId && requests.byPreset) {
@@ -233,15 +255,148 @@ void IntelligenceViewModelImpl::runOnServer(const std::string& method, const std
     }
 }
 
+void IntelligenceViewModelImpl::pasteAfterAFailure(const std::string& method, const std::string& text,
+                                                   const std::string& failure, Origin origin) {
+    const bool fromDialog = origin != Origin::session;
+    logError((fromDialog ? std::string("IntelligenceResultsView") : method) +
+             "() - recordAndProcessWithAI completion failed with error: " + failure +
+             " - will paste transcribed text instead: " + std::string(kPrivatized));
+    deps_.sounds.play("Glass");
+    if (fromDialog && deps_.pasteToPreviousWindowThenClose) {
+        deps_.pasteToPreviousWindowThenClose(text);
+    } else if (deps_.performPasting) {
+        deps_.performPasting(text);
+    }
+}
+
 void IntelligenceViewModelImpl::deliver(const std::string& result,
-                                        std::optional<IntelligenceActionCompletionType> completionType) {
-    // Without a type of its own the action takes the active shortcut's.
-    const auto type = completionType ? completionType : deps_.appState.currentlyActiveIntelligenceActionCompletionType();
+                                        std::optional<IntelligenceActionCompletionType> completionType,
+                                        Origin origin) {
+    auto type = completionType;
+    if (!type && origin == Origin::session) {
+        // Without a type of its own the action takes the active shortcut's.
+        type = deps_.appState.currentlyActiveIntelligenceActionCompletionType();
+    } else if (!type) {
+        // A run from the dialog belongs to no shortcut: the dialog's close flag decides.
+        type = origin == Origin::resultsDialogStaying ? IntelligenceActionCompletionType::dialog
+                                                      : IntelligenceActionCompletionType::paste;
+    }
     if (type == IntelligenceActionCompletionType::dialog) {
         if (deps_.showResults) deps_.showResults(result);
         return;
     }
+    // The dialog stands in front of the application the text is meant for: it goes first.
+    if (origin != Origin::session && deps_.pasteToPreviousWindowThenClose) {
+        deps_.pasteToPreviousWindowThenClose(result);
+        return;
+    }
     if (deps_.performPasting) deps_.performPasting(result);
+}
+
+// ---- What the menus show ----
+
+void IntelligenceViewModelImpl::intelligencePresetsDidChange() {
+    intelligencePresets_.clear();
+    if (deps_.presetStore) {
+        intelligencePresets_ = deps_.presetStore->fetchAll<store::IntelligencePreset>(
+            {store::SortDescriptor{"order", true}, store::SortDescriptor{"title", true}});
+    }
+    logInfo("intelligencePresets.didSet{} - count: " + std::to_string(intelligencePresets_.size()));
+    updateFilteredIntelligencePresets("intelligencePresets.didSet{}");
+}
+
+void IntelligenceViewModelImpl::updateFilteredIntelligencePresets(const std::string& caller) {
+    logInfo("updateFilteredIntelligencePresets() - caller: " + caller);
+    filteredIntelligencePresets_.clear();
+    // A preset can only be run by its uuid: one without (until it is repaired) is not offered.
+    for (const auto& preset : intelligencePresets_) {
+        if (preset->uuid()) filteredIntelligencePresets_.push_back(preset);
+    }
+    updateRows(caller);
+}
+
+void IntelligenceViewModelImpl::updateRows(const std::string& caller) {
+    logInfo("updateRows() - caller: " + caller);
+    const auto ids = [](const auto& cases) {
+        std::vector<std::optional<std::string>> list;
+        for (const auto value : cases) list.emplace_back(intelligenceItemId(caseName(value)));
+        return list;
+    };
+    rows_.clear();
+    rows_[IntelligenceRow::editor] = {intelligenceItemId(caseName(HardCodedItem::editor))};
+    rows_[IntelligenceRow::builtIn] = ids(kBuiltInPrompts);
+    rows_[IntelligenceRow::postProcess] = ids(kPostProcesses);
+    rows_[IntelligenceRow::tone] = ids(kTonesOfVoice);
+    auto& translate = rows_[IntelligenceRow::translate];
+    for (const auto& language : deps_.settings.aiLocalizedTranslationLanguages()) {
+        if (!language.code.empty()) translate.emplace_back(intelligenceItemId(language.code));
+    }
+    auto& custom = rows_[IntelligenceRow::custom];
+    for (const auto& preset : filteredIntelligencePresets_) {
+        const auto uuid = preset->uuid();
+        custom.push_back(uuid ? std::optional<std::string>(uuid->string()) : std::nullopt);
+    }
+    rows_[IntelligenceRow::other] = {intelligenceItemId(caseName(HardCodedItem::useAsIs)),
+                                     intelligenceItemId(caseName(HardCodedItem::showActionsDialog))};
+    orderedItems_.clear();
+    orderedActionsTranslationsPickerItems_.clear();
+    for (const auto row : kIntelligenceRows) {
+        for (const auto& id : rows_[row]) {
+            orderedItems_.emplace_back(row, id);
+            if (row != IntelligenceRow::editor) orderedActionsTranslationsPickerItems_.emplace_back(row, id);
+        }
+    }
+}
+
+void IntelligenceViewModelImpl::checkAndFixMissingIntelligencePresetUUID(const std::string& caller) {
+    logDebug("checkandFixMissingIntelligencePresetUUID() - caller: " + caller);
+    if (!deps_.presetStore) return;
+    bool changed = false;
+    for (const auto& preset : deps_.presetStore->fetchAll<store::IntelligencePreset>()) {
+        if (preset->uuid()) continue;
+        preset->setUuid(Uuid::random());
+        logInfo("checkAndFixMissingIntelligencePresetUUID() - added UUID to preset " + preset->title().value_or(""));
+        changed = true;
+    }
+    if (changed) store::cdSaveContext(deps_.presetStore, "checkAndFixMissingIntelligencePresetUUID");
+}
+
+IntelligenceItem IntelligenceViewModelImpl::displayedItem(const std::string& itemId) const {
+    std::vector<std::string> presetIds;
+    for (const auto& preset : intelligencePresets_) {
+        if (const auto uuid = preset->uuid()) presetIds.push_back(uuid->string());
+    }
+    return classifyIntelligenceItem(itemId, presetIds);
+}
+
+namespace {
+constexpr const char* kFallbackTitle = "Custom Preset";
+constexpr const char* kFallbackEmoji = "🅰️";
+} // namespace
+
+std::string IntelligenceViewModelImpl::getTitleForItem(const std::string& itemId) const {
+    const auto item = displayedItem(itemId);
+    if (const auto face = fixedIntelligenceItemFace(item)) return face->title;
+    if (item.kind == IntelligenceItem::Kind::preset) {
+        for (const auto& preset : intelligencePresets_) {
+            const auto uuid = preset->uuid();
+            if (uuid && uuid->string() == itemId) {
+                const auto title = preset->title().value_or("");
+                return title.empty() ? kFallbackTitle : title;
+            }
+        }
+    }
+    logWarning("getTitleForItem: unable to retrieve title for item with itemId: " + itemId);
+    return kFallbackTitle;
+}
+
+std::string IntelligenceViewModelImpl::getEmojiForItem(const std::string& itemId) const {
+    const auto item = displayedItem(itemId);
+    if (const auto face = fixedIntelligenceItemFace(item)) return face->emoji;
+    // Presets carry no emoji of their own.
+    if (item.kind == IntelligenceItem::Kind::preset) return kFallbackEmoji;
+    logWarning("getEmojiForItem: unable to retrieve emoji for item with itemId: " + itemId);
+    return kFallbackEmoji;
 }
 
 } // namespace sprelio

@@ -16,6 +16,9 @@
 
 #include "ai/IntelligenceManager.h"
 #include "ai/IntelligencePresetsViewModel.h"
+#include "backend/ProblemReportUpload.h"
+#include "diagnostics/ConfigArchive.h"
+#include "ai/IntelligenceResultsView.h"
 #include "ai/IntelligenceViewModelImpl.h"
 #include "app/ApiEndpoint.h"
 #include "app/AppEnvironment.h"
@@ -32,6 +35,7 @@
 #include "core/AppLifecycle.h"
 #include "core/AppShortcutSession.h"
 #include "diagnostics/HistoryManagerImpl.h"
+#include "ui/SendReportViewModel.h"
 #include "ui/HistoryViewModel.h"
 #include "base/Log.h"
 #include "diagnostics/MaintenanceManager.h"
@@ -220,14 +224,17 @@ private:
 
     // ---- Windows, overlay and the session ----
     WindowTitles titles_ = WindowTitles::make(env_.constants().appName());
-    std::unique_ptr<platform::QtResultsWindow> resultsWindow_;
     std::unique_ptr<AppWindows> windows_;
     std::unique_ptr<platform::MainWindow> mainWindow_;
     std::unique_ptr<platform::QtAppEventMonitor> eventMonitor_;
     std::unique_ptr<NotifyingHistory> history_;
     std::unique_ptr<IntelligenceManager> intelligenceManager_;
     std::unique_ptr<IntelligenceViewModelImpl> intelligence_;
+    std::unique_ptr<IntelligenceResultsView> resultsView_;
+    std::unique_ptr<platform::QtResultsWindow> resultsWindow_;
     std::unique_ptr<IntelligencePresetsViewModel> presets_;
+    std::unique_ptr<ProblemReportUploader> reportUploader_;
+    std::unique_ptr<SendReportViewModel> report_;
     std::unique_ptr<ContinuousSpeechUnavailable> continuousSpeech_;
     HitTestManager hitTest_{screens_};
     platform::QtOverlayPanelFactory panelFactory_{screens_};
@@ -293,9 +300,6 @@ Desktop::Desktop()
     microphones_->setOnChange([this] { checkUsability("MicrophoneManager.onChange"); });
 
     // Windows.
-    resultsWindow_ = std::make_unique<platform::QtResultsWindow>(
-        QString::fromStdString(titles_.intelligenceResultsControllerWindowTitle), settings(), screens_,
-        [this](const std::string& text, const std::string& caller) { clipboardHelper_.setString(text, caller); });
     windows_ = std::make_unique<AppWindows>(AppWindows::Dependencies{
         loop_, appState_, settings(), titles_, [this] { if (app_) app_->capturePreviouslyActiveAppIfNeeded(); },
         [this] { if (app_) app_->restoreFocusToPreviouslyActiveApp(); }, [this] { shell_->activateIgnoringOtherApps(); },
@@ -313,7 +317,7 @@ Desktop::Desktop()
                 if (!item.model.empty()) models.push_back(item.model);
             return models;
         },
-        {}});
+        [this] { if (intelligence_) intelligence_->intelligencePresetsDidChange(); }});
     intelligence_ = std::make_unique<IntelligenceViewModelImpl>(IntelligenceViewModelImpl::Dependencies{
         settings(), constants(), appState_, sounds_,
         [this] {
@@ -323,17 +327,23 @@ Desktop::Desktop()
             return ids;
         },
         [this](const std::string& text) { if (app_) app_->performPasting(text); },
-        [this](const std::string& text) {
-            resultsWindow_->showCompletion(text);
-            if (app_) app_->setupMenuWithMainMenu();
-        },
+        [this](const std::string& text) { resultsView_->showCompletion(text); },
         completionRequests(*intelligenceManager_,
                            [this](const std::string& uuid) -> std::shared_ptr<store::IntelligencePreset> {
                                for (const auto& preset : context_.fetchAll<store::IntelligencePreset>())
                                    if (const auto id = preset->uuid(); id && id->string() == uuid) return preset;
                                return nullptr;
                            }),
-        [this] { if (app_) app_->showOverlay(OverlayType::intelligizing); }});
+        [this] { if (app_) app_->showOverlay(OverlayType::intelligizing); }, &context_,
+        [this](const std::string& text) { resultsView_->pasteToPreviousWindowThenClose(text); }});
+    // The results dialog: its logic, then its window. Opening it returns the session to idle.
+    resultsView_ = std::make_unique<IntelligenceResultsView>(IntelligenceResultsView::Dependencies{
+        loop_, settings(), workspace_, screens_, pointer_, *intelligence_,
+        titles_.intelligenceResultsControllerWindowTitle, kBundleIdentifier,
+        [this] { if (app_) app_->setupMenuWithMainMenu(); },
+        [this](const std::string& text) { if (app_) app_->performPasting(text); }});
+    resultsWindow_ = std::make_unique<platform::QtResultsWindow>(*resultsView_, screens_);
+    resultsView_->setWindow(resultsWindow_.get());
     continuousSpeech_ = std::make_unique<ContinuousSpeechUnavailable>(loop_, messages_, [this] {
         if (app_ && app_->appStatus() == AppActivity::continuousSpeechActive) session_->continuousVoiceToText();
     });
@@ -374,7 +384,7 @@ Desktop::Desktop()
     sessionUpload_ = makeUploadManager(true);
     app_ = std::make_unique<AppDelegate>(AppDelegateDependencies{
         platform_, settings(), appState_, mirror_, messages_, recorders_, *microphones_, *sessionUpload_,
-        substitutions_, accessibility_, *intelligence_, *continuousSpeech_, *history_, *resultsWindow_,
+        substitutions_, accessibility_, *intelligence_, *continuousSpeech_, *history_, *resultsView_,
         kBundleIdentifier, [this] { cache_.update(context_); }});
 
     // The History tab transcribes again with a client of its own, without overlay.
@@ -384,10 +394,26 @@ Desktop::Desktop()
         loop_, workers_, context_, historyStore_, *maintenance_, appState_, messages_, settings(), sounds_,
         historyUpload_.get(), &playback_, [this](const std::filesystem::path& file) { return reveal_.showItem(file); },
         [this](const std::string& text, const std::string& caller) { clipboardHelper_.setString(text, caller); }});
+    // The Send Report tab.
+    reportUploader_ = std::make_unique<ProblemReportUploader>(ProblemReportUploader::Dependencies{
+        loop_, http_, settings(), [this] { return account_->url(); },
+        errorDescription(SPRLocalizedError::tokenUnavailableError, constants().appName())});
+    report_ = std::make_unique<SendReportViewModel>(SendReportViewModel::Dependencies{
+        loop_, workers_, settings(), appState_, *reportUploader_, [this] { return env_.logManager().getLogZip(); },
+        [this] { return gatherConfigData(settings().store().dictionaryRepresentation(), constants().logsFolder()); },
+        [this] {
+            UploadData data;
+            data.app = constants().clientVersion();
+            data.deviceId = account_->deviceId();
+            data.os = constants().osName();
+            data.languages = account_->languageInfo();
+            return data;
+        },
+        [this] { shell_->activateIgnoringOtherApps(); }});
     mainWindow_ = std::make_unique<platform::MainWindow>(platform::MainWindowDependencies{
         loop_, clock_, workspace_, settings(), constants(), appState_, context_,
         [this] { return app_->appStatus(); }, titles_, historyView_.get(), maintenance_.get(), &sounds_,
-        presets_.get(), [this](const std::filesystem::path& file) { return reveal_.showItem(file); }});
+        presets_.get(), report_.get(), [this](const std::filesystem::path& file) { return reveal_.showItem(file); }});
     windows_->setMainWindow(mainWindow_.get());
     eventMonitor_ = std::make_unique<platform::QtAppEventMonitor>(*windows_, screens_);
     appState_.onChange = [this](std::string_view field) { mainWindow_->appStateChanged(field); };

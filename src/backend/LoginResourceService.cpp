@@ -217,14 +217,18 @@ std::string LoginResourceService::info() const {
         entry["scaling"] = screen.scaling;
         screens.push_back(entry);
     }
+    nlohmann::ordered_json info;
+    info["screens"] = screens.dump();
+    info["languages"] = languageInfo().dump();
+    return info.dump();
+}
+
+nlohmann::ordered_json LoginResourceService::languageInfo() const {
     nlohmann::ordered_json languages;
     languages["system"] = deps_.constants.systemLanguageCode();
     languages["region"] = deps_.localeRegion.empty() ? std::string("??") : deps_.localeRegion;
     languages["app"] = deps_.constants.appLanguageCode();
-    nlohmann::ordered_json info;
-    info["screens"] = screens.dump();
-    info["languages"] = languages.dump();
-    return info.dump();
+    return languages;
 }
 
 std::optional<std::string> LoginResourceService::buildURL(

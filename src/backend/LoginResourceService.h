@@ -141,6 +141,8 @@ public:
     const std::string& deviceId() const { return deviceId_; }
     // {"screens": "<JSON list>", "languages": "<JSON object>"} as text.
     std::string info() const;
+    // {"system": ..., "region": ..., "app": ...}: the languages of the machine and the application, "??" unknown.
+    nlohmann::ordered_json languageInfo() const;
     const std::optional<nlohmann::json>& flags() const { return flags_; }
     const std::vector<AIModelItem>& aiModels() const { return aiModels_; }
     const std::vector<AIServerItem>& aiServers() const { return aiServers_; }

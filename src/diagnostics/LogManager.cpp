@@ -1,11 +1,9 @@
-#include "base/Utf8.h"
 #include "diagnostics/LogManager.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
-#include <zip.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,6 +13,9 @@
 #include <fstream>
 #include <sstream>
 #include <vector>
+
+#include "base/Utf8.h"
+#include "diagnostics/ZipArchive.h"
 
 namespace sprelio {
 
@@ -611,41 +612,8 @@ std::optional<fs::path> LogManager::getLogZip() {
     }
 
     const std::string zipError = "Zipping failed.";
-    std::vector<fs::path> items;
-    for (fs::directory_iterator it(temporary, ec), end; !ec && it != end; it.increment(ec)) items.push_back(it->path());
-    std::sort(items.begin(), items.end());
-
-    bool zipped = !ec;
-    if (zipped) {
-        int openError = 0;
-        zip_t* archive = zip_open(zipFile.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &openError);
-        zipped = archive != nullptr;
-        for (const fs::path& item : items) {
-            if (!zipped) break;
-            // Stored flat, under the file's own name, as "zip -j" does.
-            zip_source_t* source = zip_source_file(archive, item.c_str(), 0, -1); // -1: to the end
-            if (!source) {
-                zipped = false;
-                break;
-            }
-            if (zip_file_add(archive, item.filename().c_str(), source, ZIP_FL_ENC_UTF_8 | ZIP_FL_OVERWRITE) < 0) {
-                zip_source_free(source);
-                zipped = false;
-            }
-        }
-        if (archive) {
-            if (zipped) {
-                if (zip_close(archive) != 0) {
-                    zip_discard(archive);
-                    zipped = false;
-                }
-            } else {
-                zip_discard(archive);
-            }
-        }
-    }
+    const bool zipped = zipFolderContents(temporary, zipFile);
     if (!zipped) {
-        fs::remove(zipFile, ec);
         writeSystemLog(SystemLogType::info,
                        "LogManager.getLogZip() - error creating zip or process details file: " + zipError);
         return std::nullopt;

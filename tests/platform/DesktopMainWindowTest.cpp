@@ -16,6 +16,7 @@
 #include <QListWidget>
 #include <QMessageBox>
 #include <QPlainTextEdit>
+#include <QFrame>
 #include <QPointer>
 #include <QPushButton>
 #include <QSpinBox>
@@ -26,6 +27,14 @@
 #include <fstream>
 #include <memory>
 
+#include "backend/ProblemReportUpload.h"
+#include "backend/ScriptedServer.h"
+#include "diagnostics/ConfigArchive.h"
+#include "diagnostics/ZipArchive.h"
+#include "platform/linux/CurlHttpClient.h"
+#include "platform/loop/RealTimeLoop.h"
+#include "platform/qt/SendReportPane.h"
+#include "ui/SendReportViewModel.h"
 #include "ai/IntelligencePresetsViewModel.h"
 #include "diagnostics/HistoryManagerImpl.h"
 #include "diagnostics/HistoryTestSupport.h"
@@ -97,18 +106,37 @@ protected:
             [this](const std::string& text, const std::string& caller) { pasteboard_.push_back(caller + ":" + text); }});
         presets_ = std::make_unique<IntelligencePresetsViewModel>(IntelligencePresetsViewModel::Dependencies{
             context, [] { return std::vector<std::string>{"small-1", "large-2"}; }, {}});
+        http_ = std::make_unique<platform::CurlHttpClient>(*loop_);
+        settings_->setToken(std::string("tok-desk"));
+        reportUploader_ = std::make_unique<ProblemReportUploader>(ProblemReportUploader::Dependencies{
+            *loop_, *http_, *settings_, [this] { return reportServer_.url(""); }, "No token"});
+        report_ = std::make_unique<SendReportViewModel>(SendReportViewModel::Dependencies{
+            *loop_, workers_, *settings_, appState_, *reportUploader_,
+            [this]() -> std::optional<fs::path> {
+                const fs::path logs = tp_.root() / "report-logs";
+                fs::create_directories(logs);
+                std::ofstream(logs / "app_log.txt") << "a line of the log\n";
+                if (!zipFolderContents(logs, tp_.root() / "logs.zip")) return std::nullopt;
+                return tp_.root() / "logs.zip";
+            },
+            [this] {
+                fs::create_directories(tp_.root() / "logs");
+                return gatherConfigData(settings_->store().dictionaryRepresentation(), tp_.root() / "logs");
+            },
+            [] { return UploadData{}; }, [] {}});
         windows_ = std::make_unique<AppWindows>(AppWindows::Dependencies{
             *loop_, appState_, *settings_, WindowTitles::make("Sprelio"), [this] { journal_.push_back("capture"); },
             [this] { journal_.push_back("restoreFocus"); }, [] {}, [this] { window_->scrollHistoryToTop(); }});
         window_ = std::make_unique<MainWindow>(platform::MainWindowDependencies{
             *loop_, clock_, tp_, *settings_, constants_, appState_, context, [this] { return status_; },
-            windows_->titles(), historyView_.get(), maintenance_.get(), nullptr, presets_.get(), {}});
+            windows_->titles(), historyView_.get(), maintenance_.get(), nullptr, presets_.get(), report_.get(), {}});
         windows_->setMainWindow(window_.get());
         appState_.onChange = [this](std::string_view field) { window_->appStateChanged(field); };
         monitor_ = std::make_unique<platform::QtAppEventMonitor>(*windows_, screens_);
     }
     void TearDown() override {
         monitor_.reset();
+        report_.reset();
         appState_.onChange = nullptr;
         if (windows_) windows_->setMainWindow(nullptr);
         window_.reset();
@@ -174,6 +202,11 @@ protected:
     std::unique_ptr<MessageCenter> messages_;
     std::unique_ptr<HistoryViewModel> historyView_;
     std::unique_ptr<IntelligencePresetsViewModel> presets_;
+    platform::ThreadWorkerPool workers_{1};
+    backendtest::ScriptedServer reportServer_;
+    std::unique_ptr<platform::CurlHttpClient> http_;
+    std::unique_ptr<ProblemReportUploader> reportUploader_;
+    std::unique_ptr<SendReportViewModel> report_;
     std::unique_ptr<AppWindows> windows_;
     std::unique_ptr<MainWindow> window_;
     std::unique_ptr<platform::QtAppEventMonitor> monitor_;
@@ -335,6 +368,32 @@ TEST_F(DesktopMainWindow, AIPresetsTypedInTheAITabReachTheStoreFile) {
     ASSERT_TRUE(run(desktoptest::clickAt(pane->removeButton())));
     ASSERT_TRUE(processUntil([&] { return presetsOnDisk().empty(); }));
     EXPECT_EQ(pane->presetList()->count(), 0);
+}
+
+TEST_F(DesktopMainWindow, AReportTypedInTheSendReportTabIsSentAndSaysSo) {
+    reportServer_.script("/users/report", backendtest::Script{});
+    ASSERT_TRUE(openAndWaitActive(ContentViewTab::sendreport));
+    auto* pane = window_->sendReportPane();
+    ASSERT_NE(pane, nullptr);
+    ASSERT_TRUE(processUntil([&] { return report_->logsZipURL() && report_->configZipURL(); }));
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->messageEdit())));
+    ASSERT_TRUE(processUntil([&] { return pane->messageEdit()->hasFocus(); }));
+    ASSERT_TRUE(run("xdotool type --delay 20 'The overlay stays after a dictation.'"));
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->phoneEdit())));
+    ASSERT_TRUE(processUntil([&] { return pane->phoneEdit()->hasFocus(); }));
+    ASSERT_TRUE(run("xdotool type --delay 20 '+49 170 1234567'"));
+    ASSERT_TRUE(processUntil([&] { return settings_->sendReportViewPhone() == "+49 170 1234567"; }));
+    EXPECT_EQ(settings_->sendReportViewMessage(), "The overlay stays after a dictation.");
+
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->sendButton())));
+    ASSERT_TRUE(processUntil([&] { return pane->resultSheet()->isVisible(); }));
+    EXPECT_EQ(pane->resultLabel()->text().toStdString(), "The report was sent!");
+    EXPECT_TRUE(pane->messageEdit()->toPlainText().isEmpty()) << "a sent message is gone";
+    EXPECT_EQ(pane->phoneEdit()->text().toStdString(), "+49 170 1234567");
+    ASSERT_EQ(reportServer_.requests().size(), 1u);
+    EXPECT_NE(reportServer_.requests()[0].body.find("The overlay stays after a dictation."), std::string::npos);
+    desktoptest::settle();
+    desktoptest::saveScreenshot("main-window-send-report");
 }
 
 TEST_F(DesktopMainWindow, SettingsEditorsWriteTheSettingsFile) {

@@ -242,6 +242,8 @@ TEST_F(SignInReportFileTest, ReportIsStoredWithItsThreeParts) {
     EXPECT_EQ(readFile(folder / "data.json"), data);
     EXPECT_EQ(readFile(folder / "logs.zip"), logsZip);
     EXPECT_EQ(readFile(folder / "config.zip"), configZip);
+    // The operator finds it from the log.
+    EXPECT_TRUE(logs_.contains("BackendServer.handleReport() - problem report " + id + " stored in " + folder.string()));
 
     expectError(client_->Post("/users/report", body, type.c_str()), 401, "Unauthorized");
     httplib::Client fresh("127.0.0.1", server_->port());

@@ -19,6 +19,7 @@
 #include "platform/qt/HistoryPane.h"
 #include "platform/qt/MainWindowPanes.h"
 #include "platform/qt/QtScreens.h"
+#include "platform/qt/SendReportPane.h"
 #include "platform/qt/SubstitutionsPane.h"
 #include "store/AppConstants.h"
 #include "text/SubstitutionsViewModel.h"
@@ -144,10 +145,12 @@ MainWindow::MainWindow(MainWindowDependencies deps, QWidget* parent)
             }
             break;
         case ContentViewTab::sendreport:
-            page = new ComingSoonPane(QStringLiteral("Send Report"),
-                                      QStringLiteral("Coming in a later version: sending a problem report with the "
-                                                     "log to the support team."),
-                                      pages_);
+            if (deps_.report) {
+                page = sendReportPane_ = new SendReportPane(*deps_.report, pages_);
+            } else {
+                page = new ComingSoonPane(QStringLiteral("Send Report"),
+                                          QStringLiteral("Reports can't be sent in this session."), pages_);
+            }
             break;
         }
         pageOf_[static_cast<std::size_t>(row.tab)] = page;
@@ -208,6 +211,9 @@ void MainWindow::pageAppears(ContentViewTab tab) {
     case ContentViewTab::substitutions: substitutionsPane_->appear(); break;
     case ContentViewTab::ai:
         if (aiPane_) aiPane_->appear();
+        break;
+    case ContentViewTab::sendreport:
+        if (sendReportPane_) sendReportPane_->appear();
         break;
     case ContentViewTab::history:
         if (historyPane_) historyPane_->refreshSoon();

@@ -24,6 +24,7 @@ class QToolButton;
 namespace sprelio {
 class HistoryViewModel;
 class IntelligencePresetsViewModel;
+class SendReportViewModel;
 class MaintenanceManager;
 class SubstitutionsViewModel;
 namespace store {
@@ -36,6 +37,7 @@ class Settings;
 namespace sprelio::platform {
 
 class AIPane;
+class SendReportPane;
 class HistoryPane;
 class MainPane;
 class QtScreens;
@@ -60,6 +62,8 @@ struct MainWindowDependencies {
     SoundPlayer* sounds = nullptr;
     // The AI tab edits these; without them it says that the presets are not available.
     IntelligencePresetsViewModel* presets = nullptr;
+    // The Send Report tab sends through this; without it the tab says that reports can't be sent.
+    SendReportViewModel* report = nullptr;
     // "Show in File Manager" of the About tab's folders; none: no such buttons.
     std::function<bool(const std::filesystem::path&)> revealInFileManager;
 };
@@ -97,6 +101,7 @@ public:
     SubstitutionsPane* substitutionsPane() const { return substitutionsPane_; }
     HistoryPane* historyPane() const { return historyPane_; }
     AIPane* aiPane() const { return aiPane_; }
+    SendReportPane* sendReportPane() const { return sendReportPane_; }
     QLabel* bannerLabel() const { return bannerText_; }
     StatusBannerController& banner() { return *banner_; }
 
@@ -124,6 +129,7 @@ private:
     SubstitutionsPane* substitutionsPane_ = nullptr;
     HistoryPane* historyPane_ = nullptr;
     AIPane* aiPane_ = nullptr;
+    SendReportPane* sendReportPane_ = nullptr;
     std::array<QWidget*, 9> pageOf_{};
 };
 
