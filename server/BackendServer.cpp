@@ -84,7 +84,7 @@ BackendServer::BackendServer(ServerConfig config)
 BackendServer::BackendServer(ServerConfig config, EngineDescription engine, EngineFactory factory)
     : config_(std::move(config)), accounts_(config_.dataFolder),
       slots_(std::move(engine), std::move(factory), config_.engineSlots), http_(std::make_unique<httplib::Server>()) {
-    ai_ = std::make_unique<ChatServiceSource>(config_, &stopping_);
+    ai_ = std::make_shared<ChatServiceSource>(config_, &stopping_);
     janitor_ = std::make_unique<UploadJanitor>(uploadFolder(), std::chrono::seconds(config_.fileRetentionSeconds),
                                                std::chrono::seconds(config_.fileCleanupIntervalSeconds));
     local_ = accounts_.ensureLocalAccount(config_.effectiveTokenFile());
@@ -94,6 +94,29 @@ BackendServer::BackendServer(ServerConfig config, EngineDescription engine, Engi
 }
 
 BackendServer::~BackendServer() { stop(); }
+
+std::shared_ptr<ChatServiceSource> BackendServer::aiSource() const {
+    std::lock_guard lock(aiLock_);
+    return ai_;
+}
+
+void BackendServer::reconfigureAi(const ServerConfig& config) {
+    ServerConfig next = config_;
+    next.aiUrl = config.aiUrl;
+    next.aiModel = config.aiModel;
+    next.aiKey = config.aiKey;
+    next.aiKeyFile = config.aiKeyFile;
+    auto source = std::make_shared<ChatServiceSource>(next, &stopping_);
+    if (started_) source->start();
+    std::shared_ptr<ChatServiceSource> previous;
+    {
+        std::lock_guard lock(aiLock_);
+        previous = std::exchange(ai_, std::move(source));
+    }
+    log(LogLevel::info, "BackendServer.reconfigureAi() - AI service " +
+                            (next.aiUrl.empty() ? std::string("looked for") : urlHost(next.aiUrl)));
+    // The previous source ends with its last request.
+}
 
 std::string BackendServer::url() const {
     if (!config_.publicUrl.empty()) return config_.publicUrl;
@@ -222,15 +245,16 @@ void BackendServer::start() {
     log(LogLevel::info, "BackendServer.start() - listening on " + config_.host + ":" + std::to_string(bound) +
                             ", engine " + slots_.description().name + " with " +
                             std::to_string(slots_.capacity()) + " slot(s), announced as " + url());
-    if (auto chat = ai_->current())
+    const auto ai = aiSource();
+    if (auto chat = ai->current())
         log(LogLevel::info, "BackendServer.start() - AI completions by " + chat->settings().model + " at " +
                                 urlHost(chat->endpoint()));
-    else if (ai_->looks())
-        log(LogLevel::info, "BackendServer.start() - looking for an AI service at " + ai_->lookedAt());
+    else if (ai->looks())
+        log(LogLevel::info, "BackendServer.start() - looking for an AI service at " + ai->lookedAt());
     else
         log(LogLevel::info, "BackendServer.start() - AI completions not configured");
     janitor_->start();
-    ai_->start();
+    ai->start();
 }
 
 void BackendServer::stop() {
@@ -240,7 +264,7 @@ void BackendServer::stop() {
     stopping_ = true;
     signIn_->shutdown();
     janitor_->stop();
-    ai_->stop();
+    aiSource()->stop();
     http_->stop();
     listener_.join();
     log(LogLevel::info, "BackendServer.stop() - stopped");
@@ -292,7 +316,7 @@ void BackendServer::handleUserInfo(const httplib::Request& request, httplib::Res
     nlohmann::json models = nlohmann::json::array();
     nlohmann::json servers = nlohmann::json::array();
     // Asked here too, so that a refresh of the account announces a local service started after this server.
-    auto chat = ai_->acquire().client;
+    auto chat = aiSource()->acquire().client;
     if (chat) {
         const auto& model = chat->settings().model;
         nlohmann::json features = CompletionPrompts::promptIds();

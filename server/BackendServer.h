@@ -11,6 +11,7 @@
 #include <atomic>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -66,7 +67,11 @@ public:
     const ServerConfig& config() const { return config_; }
     UploadJanitor& uploadJanitor() { return *janitor_; }
     // Whether a chat service for AI completions is known now (configured, or found by a look that has ended).
-    bool hasAi() const { return ai_->current() != nullptr; }
+    bool hasAi() const { return aiSource()->current() != nullptr; }
+    // Another chat service from now on: the AI fields of `config` (aiUrl, aiModel, aiKey, aiKeyFile) replace
+    // this server's; requests under way finish with the service they started with. Throws as the constructor
+    // does for a service that can't be used.
+    void reconfigureAi(const ServerConfig& config);
 
 private:
     void installRoutes();
@@ -100,8 +105,10 @@ private:
     std::unique_ptr<SignInService> signIn_;
     std::unique_ptr<UploadJanitor> janitor_;
     std::atomic<bool> stopping_{false};
-    // After stopping_, which cuts its looks short.
-    std::unique_ptr<ChatServiceSource> ai_;
+    std::shared_ptr<ChatServiceSource> aiSource() const;
+    // After stopping_, which cuts its looks short. Swapped whole by reconfigureAi, under aiLock_.
+    mutable std::mutex aiLock_;
+    std::shared_ptr<ChatServiceSource> ai_;
     std::unique_ptr<httplib::Server> http_;
     std::thread listener_;
     std::atomic<int> port_{0};

@@ -42,7 +42,7 @@ ApiError aiFailure(const ChatFailure& failure) {
 void BackendServer::handleCompletions(const httplib::Request& request, httplib::Response& response) {
     auto account = authorize(request, response);
     if (!account) return;
-    if (auto service = ai_->acquire(); !service.client) {
+    if (auto service = aiSource()->acquire(); !service.client) {
         aiUnavailable(service).applyTo(response);
         return;
     }
@@ -73,7 +73,8 @@ ApiError BackendServer::aiUnavailable(const ChatServiceSource::Lookup& lookup) c
 }
 
 std::variant<std::string, ApiError> BackendServer::complete(const CompletionRequest& request, const char* caller) {
-    auto service = ai_->acquire();
+    const auto source = aiSource();
+    auto service = source->acquire();
     if (!service.client) return aiUnavailable(service);
     const ChatCompletionClient& chat = *service.client;
     const std::string& model = chat.settings().model;
@@ -103,7 +104,7 @@ std::variant<std::string, ApiError> BackendServer::complete(const CompletionRequ
     if (auto* failure = std::get_if<ChatFailure>(&answer)) {
         log(LogLevel::error, std::string(caller) + " - " + what + ": AI service at " + urlHost(chat.endpoint()) +
                                  " failed after " + ms + " ms: " + failure->detail);
-        if (failure->kind == ChatFailure::Kind::unreachable) ai_->forget(service.client);
+        if (failure->kind == ChatFailure::Kind::unreachable) source->forget(service.client);
         return aiFailure(*failure);
     }
     log(LogLevel::info, std::string(caller) + " - " + what + ": " + std::to_string(request.text.size()) +

@@ -43,6 +43,19 @@ std::unique_ptr<ApiEndpoint> ApiEndpoint::resolve(store::Settings& settings, con
     return endpoint;
 }
 
+std::optional<std::string> ApiEndpoint::reconfigureAi(const store::Settings& settings) {
+    if (!server_) return std::nullopt;
+    server::ServerConfig config;
+    configureAi(settings, config);
+    try {
+        server_->reconfigureAi(config);
+    } catch (const std::exception& e) {
+        logError(std::string("ApiEndpoint.reconfigureAi() - the AI service can't be used: ") + e.what());
+        return std::string(e.what());
+    }
+    return std::nullopt;
+}
+
 std::string ApiEndpoint::configuredBaseURL(const store::Settings& settings) {
     std::string value = settings.apiBaseURL();
     if (const char* variable = std::getenv(kApiBaseURLVariable); variable && *variable) value = variable;

@@ -39,6 +39,10 @@ public:
     ApiEndpoint(const ApiEndpoint&) = delete;
     ApiEndpoint& operator=(const ApiEndpoint&) = delete;
 
+    // The embedded server takes the AI service the settings name now, without a restart. An error text when it
+    // can't use it (the previous service stays); nothing to do for a server of the user's own.
+    std::optional<std::string> reconfigureAi(const store::Settings& settings);
+
     // Without a trailing slash.
     const std::string& baseURL() const { return baseURL_; }
     bool isEmbedded() const { return server_ != nullptr; }

@@ -413,7 +413,11 @@ Desktop::Desktop()
     mainWindow_ = std::make_unique<platform::MainWindow>(platform::MainWindowDependencies{
         loop_, clock_, workspace_, settings(), constants(), appState_, context_,
         [this] { return app_->appStatus(); }, titles_, historyView_.get(), maintenance_.get(), &sounds_,
-        presets_.get(), report_.get(), [this](const std::filesystem::path& file) { return reveal_.showItem(file); }});
+        presets_.get(),
+        [this]() -> std::optional<std::string> {
+            return endpoint_ ? endpoint_->reconfigureAi(settings()) : std::nullopt;
+        },
+        report_.get(), [this](const std::filesystem::path& file) { return reveal_.showItem(file); }});
     windows_->setMainWindow(mainWindow_.get());
     eventMonitor_ = std::make_unique<platform::QtAppEventMonitor>(*windows_, screens_);
     appState_.onChange = [this](std::string_view field) { mainWindow_->appStateChanged(field); };

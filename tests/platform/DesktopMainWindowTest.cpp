@@ -129,7 +129,12 @@ protected:
             [this] { journal_.push_back("restoreFocus"); }, [] {}, [this] { window_->scrollHistoryToTop(); }});
         window_ = std::make_unique<MainWindow>(platform::MainWindowDependencies{
             *loop_, clock_, tp_, *settings_, constants_, appState_, context, [this] { return status_; },
-            windows_->titles(), historyView_.get(), maintenance_.get(), nullptr, presets_.get(), report_.get(), {}});
+            windows_->titles(), historyView_.get(), maintenance_.get(), nullptr, presets_.get(),
+            [this]() -> std::optional<std::string> {
+                ++aiServiceApplied_;
+                return aiServiceError_;
+            },
+            report_.get(), {}});
         windows_->setMainWindow(window_.get());
         appState_.onChange = [this](std::string_view field) { window_->appStateChanged(field); };
         monitor_ = std::make_unique<platform::QtAppEventMonitor>(*windows_, screens_);
@@ -202,6 +207,8 @@ protected:
     std::unique_ptr<MessageCenter> messages_;
     std::unique_ptr<HistoryViewModel> historyView_;
     std::unique_ptr<IntelligencePresetsViewModel> presets_;
+    int aiServiceApplied_ = 0;
+    std::optional<std::string> aiServiceError_;
     platform::ThreadWorkerPool workers_{1};
     backendtest::ScriptedServer reportServer_;
     std::unique_ptr<platform::CurlHttpClient> http_;
@@ -368,6 +375,35 @@ TEST_F(DesktopMainWindow, AIPresetsTypedInTheAITabReachTheStoreFile) {
     ASSERT_TRUE(run(desktoptest::clickAt(pane->removeButton())));
     ASSERT_TRUE(processUntil([&] { return presetsOnDisk().empty(); }));
     EXPECT_EQ(pane->presetList()->count(), 0);
+
+    // The AI service: address, model and key go to the settings (the key to its own file, never shown again),
+    // and the server takes them at once.
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->serviceURLEdit())));
+    ASSERT_TRUE(processUntil([&] { return pane->serviceURLEdit()->hasFocus(); }));
+    ASSERT_TRUE(run("xdotool type --delay 10 'https://ai.example.org/v1'"));
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->serviceModelEdit())));
+    ASSERT_TRUE(processUntil([&] { return pane->serviceModelEdit()->hasFocus(); }));
+    ASSERT_TRUE(run("xdotool type --delay 10 'small-1'"));
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->serviceKeyEdit())));
+    ASSERT_TRUE(processUntil([&] { return pane->serviceKeyEdit()->hasFocus(); }));
+    ASSERT_TRUE(run("xdotool type --delay 10 'sk-secret-123'"));
+    ASSERT_TRUE(processUntil([&] { return pane->serviceKeyEdit()->text() == QStringLiteral("sk-secret-123"); }));
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->applyServiceButton())));
+    ASSERT_TRUE(processUntil([&] { return aiServiceApplied_ == 1; }));
+    EXPECT_EQ(settings_->aiServiceURL(), "https://ai.example.org/v1");
+    EXPECT_EQ(settings_->aiServiceModel(), "small-1");
+    EXPECT_EQ(settings_->aiServiceKey(), std::optional<std::string>("sk-secret-123"));
+    EXPECT_TRUE(pane->serviceKeyEdit()->text().isEmpty()) << "the key is not shown again";
+    EXPECT_EQ(pane->serviceStatus()->text().toStdString(), "The AI actions use this service from now on.");
+    EXPECT_EQ(settingsOnDisk().dump().find("sk-secret-123"), std::string::npos) << "the key is no setting";
+    desktoptest::settle();
+    desktoptest::saveScreenshot("main-window-ai-service");
+
+    aiServiceError_ = "the key file can't be read";
+    ASSERT_TRUE(run(desktoptest::clickAt(pane->applyServiceButton())));
+    ASSERT_TRUE(processUntil([&] { return aiServiceApplied_ == 2; }));
+    EXPECT_EQ(pane->serviceStatus()->text().toStdString(),
+              "This service can't be used: the key file can't be read");
 }
 
 TEST_F(DesktopMainWindow, AReportTypedInTheSendReportTabIsSentAndSaysSo) {

@@ -56,7 +56,7 @@ TEST(ResultsDialogKeys, QtKeysReadAsTheDialogsKeyCodesAndFlags) {
     EXPECT_EQ(key(Qt::Key_PageDown), std::make_pair(121, std::uint64_t{0x800000}));
     EXPECT_EQ(key(Qt::Key_A).first, -1) << "a letter is the editor's";
     EXPECT_EQ(QtResultsWindow::hints(),
-              (std::vector<QString>{"ESC -> Cancel", "CMD+Enter -> Use as is", "CMD+Z -> Undo the last Al operation",
+              (std::vector<QString>{"ESC -> Cancel", "Ctrl+Enter -> Use as is", "Ctrl+Z -> Undo the last Al operation",
                                     "Right mouse button -> Use Al without closing"}));
 }
 

@@ -320,6 +320,34 @@ TEST_F(AiServerTest, WithoutAChatServiceAiRequestsAreClearErrorsWithStop) {
     EXPECT_TRUE(chat_.chats().empty());
 }
 
+TEST_F(AiServerTest, AServiceNamedWhileTheServerRunsIsUsedAtOnce) {
+    startServer(false);
+    expectErrorShape(complete({{"prompt_id", "fix_grammar"}, {"prompt_param", ""}, {"text", "hello"}}), 501,
+                     "AINotConfigured", true);
+
+    ServerConfig named;
+    named.aiUrl = chat_.url();
+    named.aiKey = "chat-key";
+    named.aiModel = "chat-test";
+    server_->reconfigureAi(named);
+    auto ai = complete({{"prompt_id", "fix_grammar"}, {"prompt_param", ""}, {"text", "hello"}});
+    ASSERT_TRUE(ai);
+    EXPECT_EQ(ai->status, 200) << ai->body;
+    ASSERT_EQ(chat_.chats().size(), 1u);
+    EXPECT_TRUE(server_->hasAi());
+
+    // A service that can't be used is refused, and the one in use stays.
+    ServerConfig unusable;
+    unusable.aiUrl = chat_.url();
+    unusable.aiModel = "chat-test";
+    unusable.aiKeyFile = data_.path() / "no-such-key";
+    EXPECT_ANY_THROW(server_->reconfigureAi(unusable));
+    ai = complete({{"prompt_id", "fix_grammar"}, {"prompt_param", ""}, {"text", "hello again"}});
+    ASSERT_TRUE(ai);
+    EXPECT_EQ(ai->status, 200) << ai->body;
+    EXPECT_EQ(chat_.chats().size(), 2u);
+}
+
 TEST_F(AiServerTest, UserInfoNamesThisServerAsTheAiServerOfItsModel) {
     startServer(true);
     auto info = client_->Get("/users/info", {{"Authorization", "Bearer " + token_}});

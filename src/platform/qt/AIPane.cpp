@@ -11,6 +11,7 @@
 #include <QVBoxLayout>
 
 #include "platform/qt/MainWindowPanes.h"
+#include "store/Settings.h"
 
 namespace sprelio::platform {
 
@@ -25,7 +26,9 @@ QString titleOf(const IntelligencePresetsViewModel::Preset& preset) {
 
 } // namespace
 
-AIPane::AIPane(IntelligencePresetsViewModel& presets, QWidget* parent) : QWidget(parent), presets_(presets) {
+AIPane::AIPane(IntelligencePresetsViewModel& presets, store::Settings& settings,
+               std::function<std::optional<std::string>()> applyAiService, QWidget* parent)
+    : QWidget(parent), presets_(presets), settings_(settings), applyAiService_(std::move(applyAiService)) {
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(24, 20, 24, 20);
     layout->addWidget(heading(QStringLiteral("AI"), this));
@@ -66,6 +69,42 @@ AIPane::AIPane(IntelligencePresetsViewModel& presets, QWidget* parent) : QWidget
     row->addLayout(form, 2);
     layout->addLayout(row, 1);
 
+    layout->addWidget(heading(QStringLiteral("AI service"), this, 1.1));
+    layout->addWidget(noteLabel(QStringLiteral("The AI actions go to an OpenAI-compatible chat service. Name one "
+                                               "here, or leave the address empty: a service of local models on "
+                                               "127.0.0.1:11434 is found by itself."),
+                                this));
+    auto* service = new QFormLayout();
+    serviceURL_ = new QLineEdit(this);
+    serviceURL_->setObjectName(QStringLiteral("aiServiceURL"));
+    serviceURL_->setPlaceholderText(QStringLiteral("https://… (empty: a local service on 127.0.0.1:11434)"));
+    serviceModel_ = new QLineEdit(this);
+    serviceModel_->setObjectName(QStringLiteral("aiServiceModel"));
+    serviceModel_->setPlaceholderText(QStringLiteral("empty: the service's first model"));
+    serviceKey_ = new QLineEdit(this);
+    serviceKey_->setObjectName(QStringLiteral("aiServiceKey"));
+    serviceKey_->setEchoMode(QLineEdit::Password);
+    service->addRow(QStringLiteral("Address"), serviceURL_);
+    service->addRow(QStringLiteral("Model"), serviceModel_);
+    service->addRow(QStringLiteral("Key"), serviceKey_);
+    layout->addLayout(service);
+    auto* serviceButtons = new QHBoxLayout();
+    serviceStatus_ = new QLabel(this);
+    serviceStatus_->setWordWrap(true);
+    serviceButtons->addWidget(serviceStatus_, 1);
+    forgetKey_ = new QPushButton(QStringLiteral("Forget Key"), this);
+    applyService_ = new QPushButton(QStringLiteral("Use This Service"), this);
+    serviceButtons->addWidget(forgetKey_);
+    serviceButtons->addWidget(applyService_);
+    layout->addLayout(serviceButtons);
+    connect(applyService_, &QPushButton::clicked, this, [this] { applyService(); });
+    connect(forgetKey_, &QPushButton::clicked, this, [this] {
+        const std::string error = settings_.clearAiServiceKey();
+        if (error.empty() && applyAiService_) applyAiService_();
+        showService();
+        if (!error.empty()) serviceStatus_->setText(qs(error));
+    });
+
     connect(list_, &QListWidget::currentRowChanged, this, [this] { showSelected(); });
     connect(add_, &QPushButton::clicked, this, [this] { reload(presets_.add()); });
     connect(remove_, &QPushButton::clicked, this, [this] {
@@ -101,7 +140,38 @@ AIPane::AIPane(IntelligencePresetsViewModel& presets, QWidget* parent) : QWidget
     reload(nullptr);
 }
 
-void AIPane::appear() { reload(selected()); }
+void AIPane::appear() {
+    reload(selected());
+    showService();
+}
+
+void AIPane::showService() {
+    serviceURL_->setText(qs(settings_.aiServiceURL()));
+    serviceModel_->setText(qs(settings_.aiServiceModel()));
+    serviceKey_->clear();
+    // The key itself is never shown again, only whether there is one.
+    const bool hasKey = settings_.aiServiceKey().has_value();
+    serviceKey_->setPlaceholderText(hasKey ? QStringLiteral("a key is stored; type a new one to replace it")
+                                           : QStringLiteral("none (a local service needs none)"));
+    forgetKey_->setEnabled(hasKey);
+    serviceStatus_->clear();
+}
+
+void AIPane::applyService() {
+    settings_.setAiServiceURL(serviceURL_->text().trimmed().toStdString());
+    settings_.setAiServiceModel(serviceModel_->text().trimmed().toStdString());
+    const std::string key = serviceKey_->text().trimmed().toStdString();
+    if (!key.empty()) {
+        if (const std::string error = settings_.setAiServiceKey(key); !error.empty()) {
+            serviceStatus_->setText(qs(error));
+            return;
+        }
+    }
+    const auto error = applyAiService_ ? applyAiService_() : std::nullopt;
+    showService();
+    serviceStatus_->setText(error ? QStringLiteral("This service can't be used: ") + qs(*error)
+                                  : QStringLiteral("The AI actions use this service from now on."));
+}
 
 IntelligencePresetsViewModel::Preset AIPane::selected() const {
     const int row = list_->currentRow();

@@ -138,7 +138,7 @@ MainWindow::MainWindow(MainWindowDependencies deps, QWidget* parent)
             break;
         case ContentViewTab::ai:
             if (deps_.presets) {
-                page = aiPane_ = new AIPane(*deps_.presets, pages_);
+                page = aiPane_ = new AIPane(*deps_.presets, deps_.settings, deps_.applyAiService, pages_);
             } else {
                 page = new ComingSoonPane(QStringLiteral("AI"),
                                           QStringLiteral("The AI presets are not available in this session."), pages_);

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "shared/AppActivity.h"
@@ -62,6 +63,8 @@ struct MainWindowDependencies {
     SoundPlayer* sounds = nullptr;
     // The AI tab edits these; without them it says that the presets are not available.
     IntelligencePresetsViewModel* presets = nullptr;
+    // Puts the AI service of the settings to use at once; an error text when it can't.
+    std::function<std::optional<std::string>()> applyAiService;
     // The Send Report tab sends through this; without it the tab says that reports can't be sent.
     SendReportViewModel* report = nullptr;
     // "Show in File Manager" of the About tab's folders; none: no such buttons.

@@ -91,9 +91,11 @@ void RightClickableButton::mouseReleaseEvent(QMouseEvent* event) {
 }
 
 const std::vector<QString>& QtResultsWindow::hints() {
-    static const std::vector<QString> texts = {QStringLiteral("ESC -> Cancel"), QStringLiteral("CMD+Enter -> Use as is"),
-                                               QStringLiteral("CMD+Z -> Undo the last Al operation"),
-                                               QStringLiteral("Right mouse button -> Use Al without closing")};
+    // The keys as a Linux user reads them: Ctrl is what takes Command's place here.
+    static const std::vector<QString> texts = {
+        QStringLiteral("ESC -> Cancel"), QStringLiteral("Ctrl+Enter -> Use as is"),
+        QStringLiteral("Ctrl+Z -> Undo the last Al operation"),
+        QStringLiteral("Right mouse button -> Use Al without closing")};
     return texts;
 }
 
