@@ -5,11 +5,17 @@
 #include <gtest/gtest.h>
 
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <regex>
 
+// Before the X headers, whose macros (None, Success) clash with the HTTP library's names.
+#include "server/ScriptedOpenAiService.h"
+
 #include "SprelioAppProcess.h"
+#include "store/JsonFileSettingsStore.h"
+#include "base/Digest.h"
 #include "audio/AudioFileDuration.h"
 #include "helpers/WordAccuracy.h"
 #include "platform/X11TestSupport.h"
@@ -171,6 +177,39 @@ TEST_F(DesktopEndToEnd, HeldKeyDictatesIntoTheApplicationInFront) {
     // The user's clipboard comes back after the paste.
     EXPECT_TRUE(x11test::waitFor([&] { return clipboard() == "what the user had copied"; }, 10000ms)) << clipboard();
     expectDictationRecorded();
+}
+
+TEST_F(DesktopEndToEnd, AnAIItemOnTheKeyPastesTheServicesResultOnce) {
+    // The AI service of the user: an OpenAI-compatible chat service on loopback, named in the settings.
+    server::test::ScriptedOpenAiService chat;
+    chat.onChat([](const httplib::Request&, httplib::Response& response) {
+        server::test::ScriptedOpenAiService::chatAnswer(response, "Hello, this is a test of dictation! 🎙");
+    });
+    {
+        store::JsonFileSettingsStore file(home.path() / ".config/Sprelio/settings.json");
+        file.set("aiServiceURL", chat.url());
+        file.set("aiServiceModel", "chat-test");
+    }
+    apptest::storeRightAltShortcut(home.path(), true, md5Hex("improveWriting"));
+    launch();
+    bringClientForward();
+
+    ASSERT_TRUE(key("keydown"));
+    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << "the recording did not start";
+    speak();
+    ASSERT_TRUE(key("keyup"));
+    ASSERT_TRUE(x11test::waitFor([&] { return client->text().find("🎙") != std::string::npos; }, 30000ms))
+        << "the test application shows: " << client->text() << "\n" << app->log();
+    // Exactly the result, once: the transcript of the TEXT line before it is not pasted.
+    EXPECT_EQ(client->text(), "Hello, this is a test of dictation! 🎙");
+    ASSERT_EQ(chat.chats().size(), 1u);
+    // The service gets the transcript to work on, inside the server's own instructions.
+    const std::string asked = chat.chats()[0].message("user");
+    const auto spoken = testhelpers::words(kSentence);
+    const auto found = std::count_if(spoken.begin(), spoken.end(),
+                                     [&](const std::string& word) { return asked.find(word) != std::string::npos; });
+    EXPECT_GE(found, static_cast<long>(spoken.size()) - 1) << asked;
+    EXPECT_EQ(app->log().find("Hello, this is a test"), std::string::npos) << "the result stays out of the log";
 }
 
 TEST_F(DesktopEndToEnd, TappedKeyStartsAndASecondTapStops) {

@@ -43,13 +43,19 @@ inline std::vector<float> festivalSentence(const std::string& sentence) {
     return samples;
 }
 
-// The right Alt key as a shortcut of its own, held or tapped, stored in a home before Sprelio starts there.
-inline void storeRightAltShortcut(const fs::path& home, bool hold) {
+// The right Alt key as a shortcut of its own, held or tapped, stored in a home before Sprelio starts there. With
+// an AI item the key dictates and runs that item on the text, pasting the result.
+inline void storeRightAltShortcut(const fs::path& home, bool hold, std::optional<std::string> aiItemId = {}) {
     store::PersistenceController store(home / ".local/share/Sprelio");
     auto& context = store.container().viewContext();
     auto shortcut = context.insertNew<store::UserShortcut>();
     shortcut->setUuid(Uuid::random());
-    shortcut->setShortcutActionRawValue(std::string("recordAndTranscribe"));
+    shortcut->setShortcutActionRawValue(std::string(aiItemId ? "recordAndProcessWithAI" : "recordAndTranscribe"));
+    if (aiItemId) {
+        shortcut->setIntelligenceActionItemIdString(aiItemId);
+        shortcut->setIntelligenceActionCategoryRawValue(std::string("action"));
+        shortcut->setIntelligenceActionCompletionType(std::string("paste"));
+    }
     shortcut->setModifierEventKeyCode(61);
     shortcut->setMouseEventMouseButton(-1);
     shortcut->setShortcutString(keyString(61));

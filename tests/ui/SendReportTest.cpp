@@ -199,7 +199,9 @@ TEST_F(SendReport, EveryFailureShowsTheFailureAndKeepsTheMessage) {
         }
         report->closeSheet();
         report->onAppear();
-        if (row.waitForArchives) ASSERT_TRUE(archivesReady());
+        if (row.waitForArchives) {
+            ASSERT_TRUE(archivesReady());
+        }
         report->setMessage("Please keep me");
         report->send();
         ASSERT_TRUE(sent());
