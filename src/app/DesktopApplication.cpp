@@ -35,6 +35,7 @@
 #include "core/AppLifecycle.h"
 #include "core/AppShortcutSession.h"
 #include "diagnostics/HistoryManagerImpl.h"
+#include "ui/AIActionsList.h"
 #include "ui/SendReportViewModel.h"
 #include "ui/HistoryViewModel.h"
 #include "base/Log.h"
@@ -62,6 +63,7 @@
 #include "platform/linux/X11Workspace.h"
 #include "platform/linux/XdgAutostart.h"
 #include "platform/loop/RealTimeLoop.h"
+#include "platform/qt/AIPane.h"
 #include "platform/qt/FileManagerReveal.h"
 #include "platform/qt/LogindWakeMonitor.h"
 #include "platform/qt/MainWindow.h"
@@ -418,6 +420,8 @@ Desktop::Desktop()
             return endpoint_ ? endpoint_->reconfigureAi(settings()) : std::nullopt;
         },
         report_.get(), [this](const std::filesystem::path& file) { return reveal_.showItem(file); }});
+    if (auto* ai = mainWindow_->aiPane())
+        ai->setActionsSource([this] { return aiActionRows(*intelligence_, context_); });
     windows_->setMainWindow(mainWindow_.get());
     eventMonitor_ = std::make_unique<platform::QtAppEventMonitor>(*windows_, screens_);
     appState_.onChange = [this](std::string_view field) { mainWindow_->appStateChanged(field); };

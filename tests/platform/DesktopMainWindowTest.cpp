@@ -22,6 +22,7 @@
 #include <QSpinBox>
 #include <QTimer>
 #include <QTableView>
+#include <QTreeWidget>
 #include <QToolButton>
 
 #include <fstream>
@@ -375,6 +376,14 @@ TEST_F(DesktopMainWindow, AIPresetsTypedInTheAITabReachTheStoreFile) {
     ASSERT_TRUE(run(desktoptest::clickAt(pane->removeButton())));
     ASSERT_TRUE(processUntil([&] { return presetsOnDisk().empty(); }));
     EXPECT_EQ(pane->presetList()->count(), 0);
+
+    // The catalogue's actions with the keys that run them; one without a key says so.
+    pane->setActionsSource([] {
+        return std::vector<AIActionRow>{{"BuiltIn", "Fix Grammar", {"Right Alt", "Alt+G"}}, {"Tone", "Formal", {}}};
+    });
+    ASSERT_EQ(pane->actionsList()->topLevelItemCount(), 2);
+    EXPECT_EQ(pane->actionsList()->topLevelItem(0)->text(2).toStdString(), "Right Alt, Alt+G");
+    EXPECT_EQ(pane->actionsList()->topLevelItem(1)->text(2).toStdString(), "—");
 
     // The AI service: address, model and key go to the settings (the key to its own file, never shown again),
     // and the server takes them at once.

@@ -8,6 +8,7 @@
 #include <QListWidget>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QTreeWidget>
 #include <QVBoxLayout>
 
 #include "platform/qt/MainWindowPanes.h"
@@ -67,7 +68,17 @@ AIPane::AIPane(IntelligencePresetsViewModel& presets, store::Settings& settings,
     form->addRow(QStringLiteral("Prompt"), prompt_);
     form->addRow(QStringLiteral("Model"), model_);
     row->addLayout(form, 2);
-    layout->addLayout(row, 1);
+    layout->addLayout(row, 2);
+
+    layout->addWidget(heading(QStringLiteral("Actions and their shortcuts"), this, 1.1));
+    actions_ = new QTreeWidget(this);
+    actions_->setObjectName(QStringLiteral("aiActions"));
+    actions_->setColumnCount(3);
+    actions_->setHeaderLabels({QStringLiteral("Group"), QStringLiteral("Action"), QStringLiteral("Shortcut")});
+    actions_->setRootIsDecorated(false);
+    actions_->setSelectionMode(QAbstractItemView::NoSelection);
+    actions_->setFocusPolicy(Qt::NoFocus);
+    layout->addWidget(actions_, 1);
 
     layout->addWidget(heading(QStringLiteral("AI service"), this, 1.1));
     layout->addWidget(noteLabel(QStringLiteral("The AI actions go to an OpenAI-compatible chat service. Name one "
@@ -143,6 +154,25 @@ AIPane::AIPane(IntelligencePresetsViewModel& presets, store::Settings& settings,
 void AIPane::appear() {
     reload(selected());
     showService();
+    showActions();
+}
+
+void AIPane::setActionsSource(std::function<std::vector<AIActionRow>()> source) {
+    actionsSource_ = std::move(source);
+    showActions();
+}
+
+void AIPane::showActions() {
+    actions_->clear();
+    if (!actionsSource_) return;
+    for (const auto& action : actionsSource_()) {
+        QStringList keys;
+        for (const auto& key : action.shortcuts) keys << qs(key);
+        const QString shortcut = keys.isEmpty() ? QStringLiteral("—") : keys.join(QStringLiteral(", "));
+        auto* item = new QTreeWidgetItem(actions_, {qs(action.row), qs(action.title), shortcut});
+        item->setFlags(Qt::ItemIsEnabled);
+    }
+    for (int column = 0; column < 3; ++column) actions_->resizeColumnToContents(column);
 }
 
 void AIPane::showService() {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ai/IntelligencePresetsViewModel.h"
+#include "ui/AIActionsList.h"
 
 class QComboBox;
 class QLabel;
@@ -16,6 +17,7 @@ class QLineEdit;
 class QListWidget;
 class QPlainTextEdit;
 class QPushButton;
+class QTreeWidget;
 
 namespace sprelio::store {
 class Settings;
@@ -30,8 +32,11 @@ public:
     AIPane(IntelligencePresetsViewModel& presets, store::Settings& settings,
            std::function<std::optional<std::string>()> applyAiService, QWidget* parent = nullptr);
 
-    // The tab comes into view: the list and the offered models are read afresh.
+    // The tab comes into view: the lists and the offered models are read afresh.
     void appear();
+    // Where the list of the catalogue's actions and their shortcuts comes from; none: the list stays empty.
+    void setActionsSource(std::function<std::vector<AIActionRow>()> source);
+    QTreeWidget* actionsList() const { return actions_; }
 
     QListWidget* presetList() const { return list_; }
     QLineEdit* titleEdit() const { return title_; }
@@ -50,6 +55,7 @@ private:
     void showSelected();
     IntelligencePresetsViewModel::Preset selected() const;
     void showService();
+    void showActions();
     void applyService();
 
     IntelligencePresetsViewModel& presets_;
@@ -72,6 +78,8 @@ private:
     QPushButton* applyService_ = nullptr;
     QPushButton* forgetKey_ = nullptr;
     QLabel* serviceStatus_ = nullptr;
+    QTreeWidget* actions_ = nullptr;
+    std::function<std::vector<AIActionRow>()> actionsSource_;
 };
 
 } // namespace sprelio::platform
