@@ -1,7 +1,7 @@
 // The desktop application measured as a user runs it: `sprelio` on a private X desktop with openbox, its own
 // PulseAudio daemon fed festival speech, the embedded server, and the tests' X application in front.
 //
-//   build/bench/bench_app [startup] [idle] [dictation] [latency]      (no argument: all four, about 4 minutes)
+//   build/bench/bench_app [startup] [idle] [dictation] [latency] [ai]  (no argument: all five, about 5 minutes)
 //
 // startup    from the process's start to "ready: the hotkeys are live", for a first launch on an empty home (store,
 //            settings and default shortcuts made), for later launches on the same home, and, when run as root, for
@@ -10,6 +10,9 @@
 // dictation  the same over a 60-second held dictation, then the time its transcription takes.
 // latency    a 5-second utterance, from the key's release (the tap's decision) to the text in the application,
 //            split into recorder stop, upload, engine and delivery; the median of five.
+// ai         a dictation on a key with an AI item, the AI service a chat service on loopback that answers at once:
+//            from the completion's arrival in the application to the text in the application in front, and from
+//            the key's release to that text; the median of five.
 //
 // Times come from the application's own log (microseconds, local wall clock) and, for the text's arrival, from this
 // process's wall clock when the test application's file shows it.
@@ -28,7 +31,12 @@
 #include <thread>
 #include <vector>
 
+// Before the X headers, whose macros (None, Success) clash with the HTTP library's names.
+#include "server/ScriptedOpenAiService.h"
+
 #include "app/SprelioAppProcess.h"
+#include "base/Digest.h"
+#include "store/JsonFileSettingsStore.h"
 #include "platform/test/TemporaryFolder.h"
 
 namespace {
@@ -160,8 +168,8 @@ public:
         return app;
     }
     // Sprelio with a held right Alt, our application in front: ready to dictate.
-    std::unique_ptr<SprelioApp> launchForDictation(const fs::path& home) {
-        apptest::storeRightAltShortcut(home, true);
+    std::unique_ptr<SprelioApp> launchForDictation(const fs::path& home, std::optional<std::string> aiItemId = {}) {
+        apptest::storeRightAltShortcut(home, true, std::move(aiItemId));
         double seconds = 0;
         auto app = launch(home, seconds);
         bringClientForward();
@@ -302,20 +310,58 @@ void latency() {
     app->stop();
 }
 
+void ai() {
+    server::test::ScriptedOpenAiService chat;
+    chat.onChat([](const httplib::Request&, httplib::Response& response) {
+        server::test::ScriptedOpenAiService::chatAnswer(response, "Please send the quarterly report to the team.");
+    });
+    Desktop desktop;
+    platform::test::TemporaryFolder home("sprelio-bench");
+    {
+        store::JsonFileSettingsStore file(home.path() / ".config/Sprelio/settings.json");
+        file.set("aiServiceURL", chat.url());
+        file.set("aiServiceModel", "chat-test");
+    }
+    auto app = desktop.launchForDictation(home.path(), md5Hex("improveWriting"));
+    const auto utterance = apptest::festivalSentence("Please send the quarterly report to the whole team.");
+    std::printf("a dictation with an AI item, the AI service on loopback (median of 5):\n");
+    std::map<std::string, std::vector<double>> parts;
+    for (std::size_t n = 1; n <= 5; ++n) {
+        const auto before = desktop.client->textSize();
+        desktop.server.run("xdotool keydown Alt_R");
+        if (!app->waitForCount(kRecordingStarted, n)) throw std::runtime_error("the recording did not start");
+        desktop.play(utterance, 300ms);
+        desktop.server.run("xdotool keyup Alt_R");
+        if (!x11test::waitFor([&] { return desktop.client->textSize() > before; }, 60000ms))
+            throw std::runtime_error("no text arrived");
+        const double arrived = now();
+        const std::string log = app->log();
+        const auto up = logTime(log, kKeyUp, n);
+        const auto completion = logTime(log, "AudioUploadManager.uploadRecording() - got COMPLETION event", n);
+        if (!up || !completion) throw std::runtime_error("a log line is missing");
+        parts["completion's arrival to the text in the application"].push_back(arrived - *completion);
+        parts["key's release to the text (recording, transcript, AI step)"].push_back(arrived - *up);
+        app->waitForCount("restoreOriginalContent() - restoring originalContent", n, 10000ms);
+    }
+    for (const auto& [name, values] : parts) std::printf("  %-60s %7.1f ms\n", name.c_str(), median(values) * 1000);
+    app->stop();
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     std::vector<std::string> wanted(argv + 1, argv + argc);
-    if (wanted.empty()) wanted = {"startup", "idle", "dictation", "latency"};
+    if (wanted.empty()) wanted = {"startup", "idle", "dictation", "latency", "ai"};
     try {
         for (const auto& part : wanted) {
             if (part == "startup") startup();
             else if (part == "idle") idle();
             else if (part == "dictation") dictation();
             else if (part == "latency") latency();
+            else if (part == "ai") ai();
             else {
-                std::cerr << "unknown part " << part << " (startup, idle, dictation, latency)\n";
+                std::cerr << "unknown part " << part << " (startup, idle, dictation, latency, ai)\n";
                 return 2;
             }
         }
