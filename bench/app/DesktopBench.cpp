@@ -36,7 +36,6 @@
 
 #include "app/SprelioAppProcess.h"
 #include "base/Digest.h"
-#include "store/JsonFileSettingsStore.h"
 #include "platform/test/TemporaryFolder.h"
 
 namespace {
@@ -274,6 +273,24 @@ void dictation() {
     app->stop();
 }
 
+// The n-th held dictation of `utterance` on right Alt; the wall-clock time its text reached the application.
+double dictateOnce(Desktop& desktop, SprelioApp& app, const std::vector<float>& utterance, std::size_t n) {
+    const auto before = desktop.client->textSize();
+    desktop.server.run("xdotool keydown Alt_R");
+    if (!app.waitForCount(kRecordingStarted, n)) throw std::runtime_error("the recording did not start");
+    desktop.play(utterance, 300ms);
+    desktop.server.run("xdotool keyup Alt_R");
+    if (!x11test::waitFor([&] { return desktop.client->textSize() > before; }, 60000ms))
+        throw std::runtime_error("no text arrived");
+    return now();
+}
+
+// The next dictation starts once the user's clipboard is back (the microphone stands still in between, so the
+// feeder can't be the clock here).
+void waitForClipboardBack(SprelioApp& app, std::size_t n) {
+    app.waitForCount("restoreOriginalContent() - restoring originalContent", n, 10000ms);
+}
+
 void latency() {
     Desktop desktop;
     platform::test::TemporaryFolder home("sprelio-bench");
@@ -283,14 +300,7 @@ void latency() {
     std::printf("latency of a %.1f s utterance, release to text (median of 5):\n", utterance.size() / 16000.0);
     std::map<std::string, std::vector<double>> parts;
     for (std::size_t n = 1; n <= 5; ++n) {
-        const auto before = desktop.client->textSize();
-        desktop.server.run("xdotool keydown Alt_R");
-        if (!app->waitForCount(kRecordingStarted, n)) throw std::runtime_error("the recording did not start");
-        desktop.play(utterance, 300ms);
-        desktop.server.run("xdotool keyup Alt_R");
-        if (!x11test::waitFor([&] { return desktop.client->textSize() > before; }, 60000ms))
-            throw std::runtime_error("no text arrived");
-        const double arrived = now();
+        const double arrived = dictateOnce(desktop, *app, utterance, n);
         app->waitForCount(kAnswer, n, 10000ms);
         const std::string log = app->log();
         const auto up = logTime(log, kKeyUp, n), finished = logTime(log, kRecorderFinished, n),
@@ -302,9 +312,7 @@ void latency() {
         parts["3 engine (decode and recognise)"].push_back(*engine);
         parts["4 delivery (answer to text in the application)"].push_back(arrived - *answer);
         parts["total"].push_back(arrived - *up);
-        // The next dictation starts once the user's clipboard is back (the microphone stands still in between,
-        // so the feeder can't be the clock here).
-        app->waitForCount("restoreOriginalContent() - restoring originalContent", n, 10000ms);
+        waitForClipboardBack(*app, n);
     }
     for (const auto& [name, values] : parts) std::printf("  %-52s %7.1f ms\n", name.c_str(), median(values) * 1000);
     app->stop();
@@ -317,31 +325,20 @@ void ai() {
     });
     Desktop desktop;
     platform::test::TemporaryFolder home("sprelio-bench");
-    {
-        store::JsonFileSettingsStore file(home.path() / ".config/Sprelio/settings.json");
-        file.set("aiServiceURL", chat.url());
-        file.set("aiServiceModel", "chat-test");
-    }
+    apptest::storeAiService(home.path(), chat.url(), "chat-test");
     auto app = desktop.launchForDictation(home.path(), md5Hex("improveWriting"));
     const auto utterance = apptest::festivalSentence("Please send the quarterly report to the whole team.");
     std::printf("a dictation with an AI item, the AI service on loopback (median of 5):\n");
     std::map<std::string, std::vector<double>> parts;
     for (std::size_t n = 1; n <= 5; ++n) {
-        const auto before = desktop.client->textSize();
-        desktop.server.run("xdotool keydown Alt_R");
-        if (!app->waitForCount(kRecordingStarted, n)) throw std::runtime_error("the recording did not start");
-        desktop.play(utterance, 300ms);
-        desktop.server.run("xdotool keyup Alt_R");
-        if (!x11test::waitFor([&] { return desktop.client->textSize() > before; }, 60000ms))
-            throw std::runtime_error("no text arrived");
-        const double arrived = now();
+        const double arrived = dictateOnce(desktop, *app, utterance, n);
         const std::string log = app->log();
         const auto up = logTime(log, kKeyUp, n);
         const auto completion = logTime(log, "AudioUploadManager.uploadRecording() - got COMPLETION event", n);
         if (!up || !completion) throw std::runtime_error("a log line is missing");
         parts["completion's arrival to the text in the application"].push_back(arrived - *completion);
         parts["key's release to the text (recording, transcript, AI step)"].push_back(arrived - *up);
-        app->waitForCount("restoreOriginalContent() - restoring originalContent", n, 10000ms);
+        waitForClipboardBack(*app, n);
     }
     for (const auto& [name, values] : parts) std::printf("  %-60s %7.1f ms\n", name.c_str(), median(values) * 1000);
     app->stop();

@@ -14,7 +14,6 @@
 #include "server/ScriptedOpenAiService.h"
 
 #include "SprelioAppProcess.h"
-#include "store/JsonFileSettingsStore.h"
 #include "base/Digest.h"
 #include "audio/AudioFileDuration.h"
 #include "helpers/WordAccuracy.h"
@@ -185,11 +184,7 @@ TEST_F(DesktopEndToEnd, AnAIItemOnTheKeyPastesTheServicesResultOnce) {
     chat.onChat([](const httplib::Request&, httplib::Response& response) {
         server::test::ScriptedOpenAiService::chatAnswer(response, "Hello, this is a test of dictation! 🎙");
     });
-    {
-        store::JsonFileSettingsStore file(home.path() / ".config/Sprelio/settings.json");
-        file.set("aiServiceURL", chat.url());
-        file.set("aiServiceModel", "chat-test");
-    }
+    apptest::storeAiService(home.path(), chat.url(), "chat-test");
     apptest::storeRightAltShortcut(home.path(), true, md5Hex("improveWriting"));
     launch();
     bringClientForward();

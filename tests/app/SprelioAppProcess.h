@@ -16,6 +16,7 @@
 #include "base/Uuid.h"
 #include "input/Key.h"
 #include "platform/X11TestSupport.h"
+#include "store/JsonFileSettingsStore.h"
 #include "store/Entities.h"
 #include "store/Persistence.h"
 
@@ -62,6 +63,13 @@ inline void storeRightAltShortcut(const fs::path& home, bool hold, std::optional
     shortcut->setOrder(0);
     shortcut->setHold(hold);
     context.save();
+}
+
+// The AI service a user names on the AI tab, stored in a home before Sprelio starts there.
+inline void storeAiService(const fs::path& home, const std::string& url, const std::string& model) {
+    store::JsonFileSettingsStore file(home / ".config/Sprelio/settings.json");
+    file.set("aiServiceURL", url);
+    file.set("aiServiceModel", model);
 }
 
 inline fs::path screenshotFolder() { return fs::path(SPRELIO_BINARY).parent_path().parent_path() / "screenshots"; }
