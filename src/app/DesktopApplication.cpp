@@ -156,6 +156,8 @@ public:
     void launch();
     // Sprelio was started again: its main window comes forward on the selected tab.
     void reopen();
+    // The commands a terminal sends to this running instance ("sprelio continuous start", ...).
+    void registerRemoteCommands(platform::SingleInstance& instance);
 
 private:
     store::Settings& settings() { return env_.settings(); }
@@ -551,6 +553,10 @@ void Desktop::reopen() {
         logWarning("Desktop.reopen() - there is no main window to show");
 }
 
+void Desktop::registerRemoteCommands(platform::SingleInstance& instance) {
+    (void)instance;
+}
+
 void Desktop::checkHotkeyCollision() {
     // Asked at every change of the keys and of the layout, which come in bursts: judged again only when what the
     // judgement rests on has changed.
@@ -642,6 +648,7 @@ int runDesktopApplication(int argc, char** argv) {
     Desktop desktop;
     running = &desktop;
     desktop.launch();
+    desktop.registerRemoteCommands(instance);
     const int status = QApplication::exec();
     running = nullptr;
     return status;

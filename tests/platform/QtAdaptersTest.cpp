@@ -7,12 +7,15 @@
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <atomic>
+#include <sstream>
 #include <thread>
 
 #include "platform/qt/LogindWakeMonitor.h"
 #include "platform/qt/QtMainLoop.h"
 #include "platform/qt/QtScreens.h"
+#include "platform/linux/InstanceSocket.h"
 #include "platform/qt/SingleInstance.h"
 #include "platform/test/TemporaryFolder.h"
 
@@ -206,6 +209,65 @@ TEST(SingleInstance, OneInstancePerUserAndDisplayInTheUsersRuntimeFolder) {
 
     EXPECT_TRUE(first.startsWith(QString::fromStdString(runtime.path().string()) + QLatin1Char('/'))) << first.toStdString();
     EXPECT_NE(first, second) << "another display is another desktop";
-    EXPECT_FALSE(withoutRuntime.contains(QLatin1Char('/')));
+    EXPECT_FALSE(withoutRuntime.startsWith(QString::fromStdString(runtime.path().string())));
     EXPECT_TRUE(withoutRuntime.endsWith(QStringLiteral("-%1").arg(getuid()))) << withoutRuntime.toStdString();
+}
+
+// A command typed in a terminal reaches the running instance, which answers with lines and a status, possibly
+// later; the terminal side is the command line's own client, run on a thread as it would run in its own process.
+TEST(SingleInstance, CommandsFromTheCommandLineGetTheirLinesAndStatus) {
+    application();
+    const sprelio::platform::test::TemporaryFolder runtime("sprelio-runtime");
+    const QByteArray savedRuntime = qgetenv("XDG_RUNTIME_DIR"), savedDisplay = qgetenv("DISPLAY");
+    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(runtime.path().string()));
+    qputenv("DISPLAY", QByteArray(":channel") + QByteArray::number(QCoreApplication::applicationPid()));
+    const auto ask = [](std::vector<std::string> args) {
+        struct Answer {
+            int status = -1;
+            std::string out, err;
+        };
+        auto answer = std::make_shared<Answer>();
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        std::thread([args, answer, done] {
+            std::ostringstream out, err;
+            answer->status = sprelio::platform::askRunningInstance(args, out, err);
+            answer->out = out.str();
+            answer->err = err.str();
+            *done = true;
+        }).detach();
+        EXPECT_TRUE(processUntil([&] { return done->load(); }, 10s)) << args.front();
+        return *answer;
+    };
+
+    const auto nobody = ask({"continuous", "start"});
+    EXPECT_EQ(nobody.status, sprelio::platform::kNoRunningInstance);
+    EXPECT_NE(nobody.err.find("not running"), std::string::npos) << nobody.err;
+
+    sprelio::platform::SingleInstance instance;
+    ASSERT_TRUE(instance.claim([] {}));
+    std::vector<std::string> received;
+    instance.handleCommands("echo", [&](sprelio::platform::RemoteCommand command) {
+        received = command.args;
+        command.print("first line\nwith a break");
+        command.printError("a warning");
+        // Answered later, as a command that waits for a recording would.
+        QTimer::singleShot(30, [command] {
+            command.print("done");
+            command.finish(4);
+            command.finish(0); // a second end is ignored
+        });
+    });
+
+    const auto answered = ask({"echo", "a b", "\"quoted\""});
+    EXPECT_EQ(received, (std::vector<std::string>{"echo", "a b", "\"quoted\""}));
+    EXPECT_EQ(answered.status, 4);
+    EXPECT_EQ(answered.out, "first line\nwith a break\ndone\n");
+    EXPECT_EQ(answered.err, "a warning\n");
+
+    const auto unknown = ask({"nonsense"});
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_NE(unknown.err.find("nonsense"), std::string::npos) << unknown.err;
+
+    qputenv("XDG_RUNTIME_DIR", savedRuntime);
+    qputenv("DISPLAY", savedDisplay);
 }

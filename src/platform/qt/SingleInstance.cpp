@@ -1,27 +1,67 @@
 #include "platform/qt/SingleInstance.h"
 
-#include <QFileInfo>
 #include <QLocalSocket>
-#include <unistd.h>
+#include <QPointer>
+#include <nlohmann/json.hpp>
 
 #include "base/Log.h"
+#include "platform/linux/InstanceSocket.h"
 
 namespace sprelio::platform {
 
 namespace {
 constexpr int kConnectTimeoutMs = 1000;
 const QByteArray kActivate = "activate\n";
+const QByteArray kCommand = "command ";
+
+// One line of the answer: "out" or "err" and a JSON string, so a line break inside the text can't end it early.
+void sendLine(const QPointer<QLocalSocket>& client, const char* kind, const std::string& text) {
+    if (!client || client->state() != QLocalSocket::ConnectedState) return;
+    client->write(QByteArray(kind) + ' ' + QByteArray::fromStdString(nlohmann::json(text).dump()) + '\n');
+    client->flush();
+}
 } // namespace
 
 QString SingleInstance::defaultName() {
-    // One instance per user and display: the user's runtime folder is private to the user, and a second display
-    // (a nested or virtual X server) is a desktop of its own.
-    QString display = QString::fromLocal8Bit(qgetenv("DISPLAY"));
-    display.replace(QLatin1Char('/'), QLatin1Char('_'));
-    const QString name = QStringLiteral("com.sprelio.app-display%1").arg(display);
-    const QString runtime = QString::fromLocal8Bit(qgetenv("XDG_RUNTIME_DIR"));
-    if (!runtime.isEmpty() && QFileInfo(runtime).isDir()) return runtime + QLatin1Char('/') + name;
-    return name + QStringLiteral("-%1").arg(getuid());
+    // One instance per user and display: a second display (a nested or virtual X server) is a desktop of its own.
+    // The command line computes the same path to reach it.
+    return QString::fromStdString(instanceSocketPath(qgetenv("DISPLAY").toStdString()));
+}
+
+void SingleInstance::handleCommands(const std::string& verb, RemoteCommandHandler handler) {
+    handlers_[verb] = std::move(handler);
+}
+
+void SingleInstance::runCommand(QLocalSocket* socket, const QByteArray& json) {
+    const QPointer<QLocalSocket> client(socket);
+    const auto parsed = nlohmann::json::parse(json.toStdString(), nullptr, false);
+    RemoteCommand command;
+    if (parsed.is_array()) {
+        for (const auto& item : parsed)
+            if (item.is_string()) command.args.push_back(item.get<std::string>());
+    }
+    command.print = [client](const std::string& text) { sendLine(client, "out", text); };
+    command.printError = [client](const std::string& text) { sendLine(client, "err", text); };
+    // The conversation ends once: a handler that answers twice must not write past the exit line.
+    auto finished = std::make_shared<bool>(false);
+    command.finish = [client, finished](int status) {
+        if (*finished) return;
+        *finished = true;
+        if (!client) return;
+        client->write("exit " + QByteArray::number(status) + '\n');
+        client->flush();
+        client->disconnectFromServer();
+    };
+    const auto handler = command.args.empty() ? handlers_.end() : handlers_.find(command.args.front());
+    if (handler == handlers_.end()) {
+        const std::string verb = command.args.empty() ? std::string() : command.args.front();
+        logError("SingleInstance: a command nobody handles: \"" + verb + "\"");
+        command.printError("sprelio: the running Sprelio does not know the command \"" + verb + "\"");
+        command.finish(2);
+        return;
+    }
+    logInfo("SingleInstance: command \"" + command.args.front() + "\" from the command line");
+    handler->second(std::move(command));
 }
 
 SingleInstance::SingleInstance(QString name) : name_(std::move(name)) {}
@@ -57,7 +97,12 @@ bool SingleInstance::claim(std::function<void()> activate) {
             QObject::connect(client, &QLocalSocket::disconnected, client, &QObject::deleteLater);
             QObject::connect(client, &QLocalSocket::readyRead, client, [this, client] {
                 while (client->canReadLine()) {
-                    if (client->readLine() == kActivate && activate_) activate_();
+                    const QByteArray line = client->readLine();
+                    if (line == kActivate) {
+                        if (activate_) activate_();
+                    } else if (line.startsWith(kCommand)) {
+                        runCommand(client, line.mid(kCommand.size()).trimmed());
+                    }
                 }
             });
         }
