@@ -8,6 +8,7 @@ int backendCommand(const std::vector<std::string>& args, std::ostream& out, std:
     if (command == "ai") return aiCommand(args, out, err);
     if (command == "account") return accountCommand(args, out, err);
     if (command == "login") return loginCommand(args, out, err);
+    if (command == "report") return reportCommand(args, out, err);
     return logoutCommand(args, out, err);
 }
 

@@ -5,13 +5,14 @@
 //   sprelio ai ITEM TEXT [--language CODE] | sprelio ai --preset NAME TEXT
 //   sprelio account
 //   sprelio login EMAIL | sprelio login --code CODE | sprelio logout
+//   sprelio report TEXT [--no-logs]
 #include <iosfwd>
 #include <string>
 #include <vector>
 
 namespace sprelio::app {
 
-// `args` is the whole command line, args[1] being "transcribe", "ai", "account", "login" or "logout". Returns
+// `args` is the whole command line, args[1] being "transcribe", "ai", "account", "login", "logout" or "report". Returns
 // the exit status: 0 done, 1 failed, 2 the command line was wrong.
 int backendCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
@@ -22,5 +23,6 @@ int aiCommand(const std::vector<std::string>& args, std::ostream& out, std::ostr
 int accountCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 int loginCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 int logoutCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+int reportCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err); // ReportCommand.cpp
 
 } // namespace sprelio::app

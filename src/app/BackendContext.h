@@ -47,6 +47,7 @@ public:
     platform::RealTimeLoop& loop() { return loop_; }
     platform::ThreadWorkerPool& workers() { return workers_; }
     platform::SystemClock& clock() { return clock_; }
+    platform::HttpClient& http() { return http_; }
     AppState& appState() { return appState_; }
     MessageCenter& messages() { return messages_; }
     ConsoleToastPresenter& toasts() { return toasts_; }

@@ -4,6 +4,7 @@
 
 #include "base/Log.h"
 #include "platform/Clock.h"
+#include "platform/MainLoop.h"
 #include "shared/Errors.h"
 
 namespace sprelio {
@@ -52,9 +53,19 @@ void UsabilityManager::checkUsability(const std::string& caller) {
     const auto now = deps_.clock.steadyNow();
     if (lastCheckedUsability_ && now - *lastCheckedUsability_ <= kDebounceInterval) {
         logDebug("checkUsability() - skipped, already checked within the last 0.33 seconds (caller: " + caller + ")");
+        if (deps_.loop && !(trailingCheck_ && trailingCheck_->isValid())) {
+            const auto wait = kDebounceInterval - (now - *lastCheckedUsability_) + std::chrono::milliseconds(1);
+            trailingCheck_ = deps_.loop->schedule(
+                wait, lifetime_.guard([this, caller] { checkUsability(caller + " (after a burst)"); }));
+        }
         return;
     }
     lastCheckedUsability_ = now;
+    // This check answers for the burst: a re-run still pending for it has nothing left to do.
+    if (trailingCheck_) {
+        trailingCheck_->invalidate();
+        trailingCheck_.reset();
+    }
     logInfo("UsabilityManager.checkUsability() - warningsToCheck: [Microphone Warning, Accessibility Warning, Screen "
             "Capture Warning]");
     logInfo("UsabilityManager.checkUsability() - filesMenuRecordingMode: " +
@@ -68,8 +79,10 @@ void UsabilityManager::checkUsability(const std::string& caller) {
         case UsabilityWarning::screenCapture: holds = deps_.screenCaptureGranted && !deps_.screenCaptureGranted(); break;
         }
         if (holds) {
-            if (activeWarnings_.insert(warning).second)
+            if (activeWarnings_.insert(warning).second) {
                 logInfo("checkUsability() - added warning: " + usabilityWarningTitle(warning));
+                if (onWarningRaised) onWarningRaised(warning);
+            }
         } else {
             activeWarnings_.erase(warning);
         }

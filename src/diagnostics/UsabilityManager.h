@@ -6,15 +6,20 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "base/LifetimeGuard.h"
+
 namespace sprelio {
 
 namespace platform {
 class Clock;
+class MainLoop;
+class Timer;
 }
 class ErrorPresenter;
 
@@ -34,6 +39,10 @@ public:
         std::function<bool()> accessibilityEnabled;    // global input and synthetic events are available
         std::function<bool()> screenCaptureGranted;    // the computer's sound can be recorded
         std::function<std::string()> filesMenuRecordingMode;
+        // Where a check skipped inside a burst is run once the burst's interval has passed, so that the last word
+        // of a burst (the first device list, arriving just after the start's check) is never lost. nullptr: the
+        // skipped check is only dropped.
+        platform::MainLoop* loop = nullptr;
     };
 
     explicit UsabilityManager(Dependencies deps);
@@ -51,6 +60,8 @@ public:
     std::vector<std::string> bannerTexts() const;
     // Called after the banner's texts changed.
     std::function<void()> onChange;
+    // Called with a warning's text when a check finds it newly missing (not at every check that still finds it).
+    std::function<void(UsabilityWarning)> onWarningRaised;
 
 private:
     void changed();
@@ -60,6 +71,8 @@ private:
     std::optional<std::chrono::steady_clock::time_point> lastCheckedUsability_;
     std::vector<std::string> sessionNotes_;
     std::optional<std::string> hotkeyCollision_;
+    std::shared_ptr<platform::Timer> trailingCheck_;
+    LifetimeGuard lifetime_;
 };
 
 // The dictation key that the default set binds (right Option, right Alt here) is AltGr in the user's layout:

@@ -160,6 +160,7 @@ void SqliteStore::migrate() {
     if (version > kSchemaVersion) {
         logWarning("SqliteStore.open() - the store's schema version " + std::to_string(version) +
                    " is newer than this build's " + std::to_string(kSchemaVersion) + "; opening it as it is");
+        writtenByNewerBuild_ = true;
         return;
     }
     for (const auto& m : migrations()) {

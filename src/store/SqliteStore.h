@@ -50,6 +50,8 @@ public:
     bool isInMemory() const { return inMemory_; }
     std::string journalMode();
     int schemaVersion();
+    // The file's schema is newer than this build knows: it was opened as it is, without a migration.
+    bool writtenByNewerBuild() const { return writtenByNewerBuild_; }
 
     struct Row {
         std::int64_t primaryKey = 0;
@@ -94,6 +96,7 @@ private:
     std::string uri_;
     std::filesystem::path file_;
     bool inMemory_ = false;
+    bool writtenByNewerBuild_ = false;
     sqlite3* db_ = nullptr;
     std::shared_ptr<const std::string> storeUUID_;
     std::unordered_map<std::string, sqlite3_stmt*> statements_;

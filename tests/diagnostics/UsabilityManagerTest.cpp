@@ -44,6 +44,40 @@ TEST(UsabilityManager, ChecksWithinAThirdOfASecondAreSkipped) {
     EXPECT_EQ(h.checks, 2) << "0.4 s after the first check";
 }
 
+// The start's check runs before the sound server has listed its devices; the list arrives 50 ms later, inside the
+// burst. The skipped check is run once the burst is over, so the banner ends up saying how the machine is.
+TEST(UsabilityManager, ACheckSkippedInABurstRunsWhenTheBurstIsOver) {
+    UsabilityHarness h;
+    UsabilityManager usability{UsabilityManager::Dependencies{h.tp,
+                                                              [&h] {
+                                                                  ++h.checks;
+                                                                  return h.microphone;
+                                                              },
+                                                              [] { return true; }, [] { return true; }, {}, &h.tp.loop()}};
+    std::vector<UsabilityWarning> raised;
+    usability.onWarningRaised = [&](UsabilityWarning w) { raised.push_back(w); };
+    h.microphone = false;
+    usability.checkUsability("verifyUsability");
+    EXPECT_TRUE(usability.hasWarning(UsabilityWarning::microphone));
+    h.tp.advance(50ms);
+    h.microphone = true; // the first device list
+    usability.checkUsability("MicrophoneManager.onChange");
+    usability.checkUsability("MicrophoneManager.onChange"); // one re-run for the whole burst
+    EXPECT_EQ(h.checks, 1);
+    h.tp.advance(300ms);
+    EXPECT_EQ(h.checks, 2);
+    EXPECT_FALSE(usability.hasWarning(UsabilityWarning::microphone));
+    h.tp.advance(2s);
+    EXPECT_EQ(h.checks, 2) << "nothing further without a new request";
+    EXPECT_EQ(raised, std::vector<UsabilityWarning>{UsabilityWarning::microphone});
+
+    // Raised again when it comes back after having gone.
+    h.microphone = false;
+    usability.checkUsability("device removed");
+    EXPECT_EQ(h.checks, 3);
+    EXPECT_EQ(raised, (std::vector<UsabilityWarning>{UsabilityWarning::microphone, UsabilityWarning::microphone}));
+}
+
 TEST(UsabilityManager, WarningsComeAndGoWithWhatIsMissing) {
     UsabilityHarness h;
     h.microphone = false;

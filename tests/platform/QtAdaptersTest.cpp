@@ -15,6 +15,7 @@
 #include "platform/qt/LogindWakeMonitor.h"
 #include "platform/qt/QtMainLoop.h"
 #include "platform/qt/QtScreens.h"
+#include "platform/qt/ScreenWakeMonitor.h"
 #include "platform/linux/InstanceSocket.h"
 #include "platform/qt/SingleInstance.h"
 #include "platform/test/TemporaryFolder.h"
@@ -270,4 +271,54 @@ TEST(SingleInstance, CommandsFromTheCommandLineGetTheirLinesAndStatus) {
 
     qputenv("XDG_RUNTIME_DIR", savedRuntime);
     qputenv("DISPLAY", savedDisplay);
+}
+
+// The screen saver ending on the session bus, and logind unlocking this session on the system bus, are reported as
+// wakes of their own; the screen saver starting, or another session's unlock, are not.
+TEST_F(LogindWake, TheScreenSaversEndAndThisSessionsUnlockAreWakes) {
+    QtMainLoop loop;
+    QDBusConnection monitorBus = QDBusConnection::connectToBus(address_, "monitor");
+    QDBusConnection logindBus = QDBusConnection::connectToBus(address_, "logind");
+    ASSERT_TRUE(logindBus.registerService("org.freedesktop.login1"));
+    const QString ours = QStringLiteral("/org/freedesktop/login1/session/_32");
+    sprelio::platform::ScreenWakeMonitor monitor(loop, monitorBus, monitorBus, ours);
+    ASSERT_TRUE(monitor.isListeningToScreenSaver());
+    ASSERT_TRUE(monitor.isListeningToLogind());
+    std::vector<std::string> reports;
+    monitor.setHandler([&](const std::string& name) { reports.push_back(name); });
+
+    const auto screenSaver = [&](const char* interface, const char* path, bool active) {
+        auto signal = QDBusMessage::createSignal(path, interface, "ActiveChanged");
+        signal << active;
+        ASSERT_TRUE(logindBus.send(signal));
+    };
+    const auto unlock = [&](const QString& path) {
+        ASSERT_TRUE(logindBus.send(QDBusMessage::createSignal(path, "org.freedesktop.login1.Session", "Unlock")));
+    };
+    screenSaver("org.freedesktop.ScreenSaver", "/org/freedesktop/ScreenSaver", true);
+    screenSaver("org.freedesktop.ScreenSaver", "/ScreenSaver", false);
+    unlock(QStringLiteral("/org/freedesktop/login1/session/_33"));
+    screenSaver("org.gnome.ScreenSaver", "/org/gnome/ScreenSaver", false);
+    unlock(ours);
+    ASSERT_TRUE(processUntil([&] { return reports.size() >= 3; }));
+    auto settle = loop.schedule(100ms, [] {});
+    ASSERT_TRUE(processUntil([&] { return !settle->isValid(); }));
+    EXPECT_EQ(reports, (std::vector<std::string>{"NSWorkspaceScreensDidWakeNotification",
+                                                 "NSWorkspaceScreensDidWakeNotification",
+                                                 "NSWorkspaceSessionDidBecomeActiveNotification"}));
+}
+
+TEST(ScreenWakeMonitor, LogindsPathOfThisSessionIsEscapedAsLogindDoes) {
+    const QByteArray saved = qgetenv("XDG_SESSION_ID");
+    const std::pair<const char*, const char*> rows[] = {
+        {"2", "/org/freedesktop/login1/session/_32"},
+        {"c2", "/org/freedesktop/login1/session/c2"},
+        {"12", "/org/freedesktop/login1/session/_312"},
+        {"", ""},
+    };
+    for (const auto& [id, path] : rows) {
+        qputenv("XDG_SESSION_ID", id);
+        EXPECT_EQ(sprelio::platform::ScreenWakeMonitor::currentSessionPath().toStdString(), path) << id;
+    }
+    qputenv("XDG_SESSION_ID", saved);
 }
