@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build run test bench package install-test clean
+.PHONY: all deps configure build run test bench package install-test clean test-asan test-tsan fuzz
 
 all: build
 
@@ -22,6 +22,45 @@ run: build
 
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
+
+# The whole suite again under AddressSanitizer and UndefinedBehaviorSanitizer, in a build directory of its own (gcc).
+# Any report fails the test it happens in: UBSan does not recover, LSan reports leaks at exit. Leaks of system
+# libraries are suppressed in tests/sanitizers/lsan.supp, each with its reason; never our own code. The runtime
+# options are compiled into every executable (tests/sanitizers/SanitizerDefaults.cpp), because the tests start
+# sprelio and sprelio-server with environments of their own. Warnings are not errors here: gcc's instrumentation
+# makes -Wnull-dereference and -Wmaybe-uninitialized see paths that the normal build does not have.
+SANITIZER_FLAGS = -fno-omit-frame-pointer -g
+SANITIZER_DEFAULTS = -DSPRELIO_SANITIZER_DIR='"$(CURDIR)/tests/sanitizers"' tests/sanitizers/SanitizerDefaults.cpp
+SANITIZER_ENV = LSAN_OPTIONS=suppressions=$(CURDIR)/tests/sanitizers/lsan.supp:print_suppressions=0 \
+	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+test-asan: deps
+	@mkdir -p build-asan && g++ -c -O1 $(SANITIZER_DEFAULTS) -o build-asan/sanitizer-defaults.o
+	@cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSPRELIO_WERROR=OFF -DSPRELIO_BUILD_BENCH=OFF \
+	  -DCMAKE_CXX_FLAGS="$(SANITIZER_FLAGS) -fsanitize=address,undefined -fno-sanitize-recover=undefined" \
+	  -DCMAKE_EXE_LINKER_FLAGS="$(CURDIR)/build-asan/sanitizer-defaults.o" >/dev/null
+	@cmake --build build-asan -j $(JOBS)
+	@cd build-asan && ctest --output-on-failure -j $(JOBS)
+
+# ThreadSanitizer for the suites whose code runs threads of its own: the log writer, the libcurl thread, the
+# PulseAudio adapter and the server's worker pool.
+TSAN_TESTS = ^(LogManager|ProcessDetails|HttpTransport|LoopbackHost|Pulse|MicDeviceTransport|BackendServer)
+test-tsan: deps
+	@mkdir -p build-tsan && g++ -c -O1 $(SANITIZER_DEFAULTS) -o build-tsan/sanitizer-defaults.o
+	@cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSPRELIO_WERROR=OFF -DSPRELIO_BUILD_BENCH=OFF \
+	  -DCMAKE_CXX_FLAGS="$(SANITIZER_FLAGS) -fsanitize=thread" \
+	  -DCMAKE_EXE_LINKER_FLAGS="$(CURDIR)/build-tsan/sanitizer-defaults.o" >/dev/null
+	@cmake --build build-tsan -j $(JOBS) --target test_diagnostics test_backend test_audio test_server
+	@cd build-tsan && ctest --output-on-failure -j $(JOBS) -R '$(TSAN_TESTS)'
+
+# libFuzzer targets of every parser of outside bytes, built with clang in their own directory, each run for
+# FUZZ_SECONDS on its seed corpus (tests/fuzz/corpus/<target>); what they find lands in build-fuzz/findings.
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	@cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSPRELIO_WERROR=OFF -DSPRELIO_BUILD_BENCH=OFF \
+	  -DSPRELIO_BUILD_TESTS=OFF -DSPRELIO_FUZZ=ON -DCMAKE_CXX_COMPILER=clang++-14 \
+	  -DCMAKE_CXX_FLAGS="$(SANITIZER_FLAGS) -fsanitize=address,undefined,fuzzer-no-link -fno-sanitize-recover=undefined" >/dev/null
+	@cmake --build build-fuzz -j $(JOBS) --target sprelio_fuzzers
+	@$(SANITIZER_ENV) tests/fuzz/run-fuzzers.sh build-fuzz $(FUZZ_SECONDS)
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do echo "== $$b"; $$b; done

@@ -71,6 +71,9 @@ struct PacketCloser {
     void operator()(AVPacket* packet) const { av_packet_free(&packet); }
 };
 
+// The highest rate of real recordings and studio formats (DXD is 352.8 kHz; some converters offer 768 kHz).
+constexpr int kMaxInputSampleRate = 768000;
+
 class Decoder {
 public:
     Decoder(std::string_view bytes, double maxSeconds) : reader_{bytes, 0}, maxSeconds_(maxSeconds) {}
@@ -166,6 +169,10 @@ private:
 
     std::optional<DecodeFailure> ensureResampler(const AVFrame& frame) {
         if (resampler_) return std::nullopt;
+        // A rate no real audio has (a damaged or hostile header) makes the resampler build a filter of gigabytes
+        // and spend seconds on a few bytes of upload, holding a worker all that time.
+        if (frame.sample_rate > kMaxInputSampleRate)
+            return DecodeFailure{"The audio of the uploaded file has a sample rate the server can't convert."};
         AVChannelLayout inLayout{};
         if (frame.ch_layout.nb_channels > 0 && frame.ch_layout.order != AV_CHANNEL_ORDER_UNSPEC)
             av_channel_layout_copy(&inLayout, &frame.ch_layout);

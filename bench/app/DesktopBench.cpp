@@ -1,7 +1,8 @@
 // The desktop application measured as a user runs it: `sprelio` on a private X desktop with openbox, its own
 // PulseAudio daemon fed festival speech, the embedded server, and the tests' X application in front.
 //
-//   build/bench/bench_app [startup] [idle] [dictation] [latency] [ai]  (no argument: all five, about 5 minutes)
+//   build/bench/bench_app [startup] [idle] [dictation] [latency] [ai] [continuous]
+//                                                           (no argument: all six, about 7 minutes)
 //
 // startup    from the process's start to "ready: the hotkeys are live", for a first launch on an empty home (store,
 //            settings and default shortcuts made), for later launches on the same home, and, when run as root, for
@@ -13,6 +14,9 @@
 // ai         a dictation on a key with an AI item, the AI service a chat service on loopback that answers at once:
 //            from the completion's arrival in the application to the text in the application in front, and from
 //            the key's release to that text; the median of five.
+// continuous continuous dictation on its key: CPU time and resident memory while it listens to 60 s of silence
+//            (and the recorders it cycles meanwhile); then five sentences, each closed by a pause, from the end of
+//            the silence that closes a piece (its recorder's stop) to its text in the application; the median.
 //
 // Times come from the application's own log (microseconds, local wall clock) and, for the text's arrival, from this
 // process's wall clock when the test application's file shows it.
@@ -34,6 +38,7 @@
 // Before the X headers, whose macros (None, Success) clash with the HTTP library's names.
 #include "server/ScriptedOpenAiService.h"
 
+#include "app/ContinuousTestSupport.h"
 #include "app/SprelioAppProcess.h"
 #include "base/Digest.h"
 #include "platform/test/TemporaryFolder.h"
@@ -344,12 +349,59 @@ void ai() {
     app->stop();
 }
 
+void continuous() {
+    Desktop desktop;
+    platform::test::TemporaryFolder home("sprelio-bench");
+    apptest::storeContinuousShortcut(home.path());
+    double seconds = 0;
+    auto app = desktop.launch(home.path(), seconds);
+    desktop.bringClientForward();
+    const auto tap = [&](std::size_t n) {
+        desktop.server.run("xdotool keydown Alt_R");
+        app->waitForCount("KeyboardShortcutManager.executeActionForKeyCode() - keyCode: 61, isKeyDown: true", n);
+        desktop.server.run("xdotool keyup Alt_R");
+    };
+    tap(1);
+    if (!app->waitForCount(apptest::kContinuousCalibrated, 1, 10000ms))
+        throw std::runtime_error("continuous dictation did not calibrate");
+    // One line per recorder that started.
+    const std::size_t recordersBefore = app->count(kRecordingStarted);
+    measureUse(app->pid(), 60s, "continuous, 60 s of silence");
+    const std::size_t cycled = app->count(kRecordingStarted) - recordersBefore;
+    std::size_t files = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(home.path() / ".local/share/Sprelio/recordings"))
+        files += entry.path().extension() == ".caf" ? 1 : 0;
+    std::printf("  %zu recorders started and stopped in the minute; %zu recording files on disk\n", cycled, files);
+
+    const auto sentence = apptest::festivalSentence("Please send the quarterly report to the whole team.");
+    std::vector<double> afterPause;
+    for (std::size_t n = 1; n <= 5; ++n) {
+        const auto before = desktop.client->textSize();
+        const std::size_t stops = app->count(apptest::kContinuousPieceStopped);
+        desktop.feeder->play(sentence);
+        if (!x11test::waitFor([&] { return desktop.client->textSize() > before; }, 60000ms))
+            throw std::runtime_error("a piece's text did not arrive");
+        const double arrived = now();
+        const auto stopped = logTime(app->log(), apptest::kContinuousPieceStopped, stops + 1);
+        if (!stopped) throw std::runtime_error("the piece's stop is not in the log");
+        afterPause.push_back(arrived - *stopped);
+        // The next sentence after the rate limit between uploads (2.85 s with the defaults) has passed.
+        std::this_thread::sleep_for(3s);
+    }
+    std::printf("continuous, a %.1f s sentence per piece (median of 5):\n", sentence.size() / 16000.0);
+    std::printf("  %-60s %7.1f ms (min %.1f, max %.1f)\n", "end of the closing silence to the text in the application",
+                median(afterPause) * 1000, *std::min_element(afterPause.begin(), afterPause.end()) * 1000,
+                *std::max_element(afterPause.begin(), afterPause.end()) * 1000);
+    tap(2);
+    app->stop();
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     std::vector<std::string> wanted(argv + 1, argv + argc);
-    if (wanted.empty()) wanted = {"startup", "idle", "dictation", "latency", "ai"};
+    if (wanted.empty()) wanted = {"startup", "idle", "dictation", "latency", "ai", "continuous"};
     try {
         for (const auto& part : wanted) {
             if (part == "startup") startup();
@@ -357,8 +409,9 @@ int main(int argc, char** argv) {
             else if (part == "dictation") dictation();
             else if (part == "latency") latency();
             else if (part == "ai") ai();
+            else if (part == "continuous") continuous();
             else {
-                std::cerr << "unknown part " << part << " (startup, idle, dictation, latency, ai)\n";
+                std::cerr << "unknown part " << part << " (startup, idle, dictation, latency, ai, continuous)\n";
                 return 2;
             }
         }

@@ -3,11 +3,11 @@
 #include <chrono>
 #include <fstream>
 #include <ostream>
-#include <regex>
 #include <sstream>
 
 #include "app/BackendContext.h"
 #include "app/CommandSupport.h"
+#include "backend/LoginAndRegistrationPresenter.h"
 #include "base/JsonAccess.h"
 #include "base/Log.h"
 #include "store/AtomicFile.h"
@@ -133,11 +133,6 @@ void forgetPendingSignIn(AppEnvironment& env) {
     fs::remove(pendingSignInFile(env), ignored);
 }
 
-bool isEmailAddress(const std::string& text) {
-    static const std::regex pattern("[A-Z0-9a-z._%+-]+@[A-Za-z0-9.-]+\\.[A-Za-z]{2,}");
-    return std::regex_match(text, pattern);
-}
-
 std::string embeddedLoginText() {
     return "the embedded account API (apiBaseURL \"embedded\") has one local account, which is always signed in; to "
            "sign in to an account server, set its URL first: sprelio settings set apiBaseURL URL";
@@ -217,7 +212,7 @@ int loginWithCode(const std::string& code, std::ostream& out, std::ostream& err)
 }
 
 int loginWithEmail(const std::string& email, std::ostream& out, std::ostream& err) {
-    if (!isEmailAddress(email)) return fail(err, "login: \"" + email + "\" is no e-mail address", 2);
+    if (!LoginAndRegistrationPresenter::isValidEmail(email)) return fail(err, "login: \"" + email + "\" is no e-mail address", 2);
     AppEnvironment env;
     if (ApiEndpoint::configuredBaseURL(env.settings()) == kEmbeddedApi) return fail(err, "login: " + embeddedLoginText());
     BackendContext context(env, err);
@@ -311,11 +306,8 @@ int loginWithEmail(const std::string& email, std::ostream& out, std::ostream& er
                 return;
             }
             if (record) {
-                const std::time_t now = std::time(nullptr);
-                std::tm local{};
-                char date[64] = "";
-                if (localtime_r(&now, &local)) std::strftime(date, sizeof date, "%x %X", &local);
-                const std::string text = record->message + " - (" + date + ")";
+                const std::string text =
+                    LoginAndRegistrationPresenter::datedMessage(record->message, std::chrono::system_clock::now());
                 logWarning("onClickLoginSubmit() - request not succesful, message: " + text);
                 failureText = text;
                 done = true;

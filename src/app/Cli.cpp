@@ -6,10 +6,14 @@
 #include "app/AppEnvironment.h"
 #include "app/AudioCommands.h"
 #include "app/BackendCommands.h"
+#include "app/FilesRemoteCommand.h"
 #include "app/HistoryCommands.h"
+#include "app/ShortcutCommands.h"
 #include "app/SubstitutionCommands.h"
+#include "app/UpdateCommand.h"
 #include "base/BuildInfo.h"
 #include "base/Log.h"
+#include "platform/linux/InstanceSocket.h"
 
 namespace sprelio::app {
 
@@ -50,16 +54,36 @@ Commands:
   login EMAIL                   sign in: an e-mail with a link and a code is sent; waits for the link
   login --code CODE             finish the sign-in with the code from the e-mail
   logout                        sign out
+  report TEXT [--no-logs]       send a problem report as the Send Report tab does: TEXT, the log archive
+                                (or a note in its place with --no-logs) and the settings archive
+  shortcuts list                the hotkeys, one per line: ID, keys, action, AI item, hold or tap, language
+  shortcuts set ID [--key KEY] [--hold|--tap] [--item ITEM] [--language CODE]
+                                change a hotkey; KEY as the list shows keys: "Right Ctrl", "Alt+Shift+D",
+                                "Ctrl+F5", "Button 8" (X's button numbers); a running Sprelio takes it at once
+  shortcuts add ACTION [--item ITEM] --key KEY [--hold]
+                                a new hotkey; ACTION is an action's name (recordAndTranscribe,
+                                recordAndProcessWithAI, copyTextAndAskAI, showHistory, ...)
+  shortcuts remove ID           remove a hotkey
+  shortcuts reset               the default hotkeys in place of yours
   history list                  the history, newest first: [ID], level, date, duration, recording, text
   history retry ID              transcribe an entry's recording again (a success adds a new entry)
   history remove ID             remove an entry and its recording
   history wipe                  remove every entry and every recording they name
+  continuous start|stop         in the running application: listen continuously, and at each pause type
+                                what was said into the application in front; or stop listening
+  files add FILE...             in the running application: transcribe audio or video files in the Files tab;
+                                progress on stderr, each text on stdout
+  files record --mode microphone|system|both --seconds N
+                                in the running application: record the microphone, the computer's sound, or
+                                both (a file each) for N seconds, print the files, and transcribe them there
+  update check                  ask the update feed what it offers and whether it is newer than this version
   --help, -h                    this text
   --version, -v                 version and build
 
 Files: settings in $XDG_CONFIG_HOME/Sprelio/settings.json; data and logs in $XDG_DATA_HOME/Sprelio.
 The account API is the setting apiBaseURL (or $SPRELIO_API_BASE_URL); "embedded", the default, runs the bundled
 server in the process, offline, with its local account.
+Updates come from the feed in the setting updateFeedURL (or $SPRELIO_UPDATE_FEED_URL); "" turns checks off.
 )USAGE";
 
 // Strings print as they are so that scripts can use the output directly; everything else as JSON.
@@ -148,9 +172,17 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
     if (command == "substitute" || command == "substitutions") return substitutionCommand(args, out, err);
     if (command == "devices" || command == "record") return audioCommand(args, out, err);
     if (command == "transcribe" || command == "ai" || command == "account" || command == "login" ||
-        command == "logout")
+        command == "logout" || command == "report")
         return backendCommand(args, out, err);
     if (command == "history") return historyCommand(args, out, err);
+    if (command == "shortcuts") return shortcutCommand(args, out, err);
+    if (command == "update") return updateCommand(args, out, err);
+    if (command == "files") return filesCommand(args, out, err);
+    if (command == "continuous") {
+        if (args.size() != 3 || (args[2] != "start" && args[2] != "stop"))
+            return fail(err, "usage: sprelio continuous start|stop", 2);
+        return platform::askRunningInstance({args.begin() + 1, args.end()}, out, err);
+    }
     return fail(err, "unknown command \"" + command + "\" (see sprelio --help)", 2);
 }
 

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <tuple>
 
 #include "ai/IntelligenceManager.h"
@@ -25,24 +26,34 @@
 #include "app/BackendContext.h"
 #include "audio/AudioPlaybackManager.h"
 #include "audio/CaptureRecordingAudio.h"
-#include "audio/ContinuousSpeechUnavailable.h"
 #include "audio/MicrophoneManagerImpl.h"
 #include "backend/BalancingManager.h"
 #include "backend/HttpAudioUploadManager.h"
+#include "backend/FileUploadManager.h"
+#include "app/FilesRemoteCommand.h"
+#include "files/FilesMenuViewModel.h"
+#include "platform/linux/PulseSystemAudio.h"
 #include "backend/LoginResourceService.h"
+#include "backend/LoginAndRegistrationPresenter.h"
+#include "platform/qt/SignInWindow.h"
 #include "core/AppDelegate.h"
 #include "input/KeyboardShortcuts.h"
 #include "core/AppLifecycle.h"
 #include "core/AppShortcutSession.h"
+#include "core/ContinuousSpeechManagerImpl.h"
 #include "diagnostics/HistoryManagerImpl.h"
 #include "ui/AIActionsList.h"
 #include "ui/SendReportViewModel.h"
 #include "ui/HistoryViewModel.h"
+#include "base/LifetimeGuard.h"
 #include "base/Log.h"
 #include "diagnostics/MaintenanceManager.h"
 #include "diagnostics/UsabilityManager.h"
+#include "diagnostics/UpdatePolicy.h"
+#include "diagnostics/Updater.h"
 #include "input/EventTapManager.h"
 #include "input/KeyCodes.h"
+#include "input/KeyShortcutRecorder.h"
 #include "input/KeyboardShortcutManager.h"
 #include "input/MouseShortcutManager.h"
 #include "input/ShortcutActionDispatcher.h"
@@ -52,6 +63,7 @@
 #include "platform/linux/PulseAudioCapture.h"
 #include "platform/linux/PulseAudioConnection.h"
 #include "platform/linux/PulseAudioDevices.h"
+#include "platform/linux/PulseAudioLevelTap.h"
 #include "platform/linux/PulseAudioOutput.h"
 #include "platform/linux/PulseSoundPlayer.h"
 #include "platform/linux/SyslogSystemLog.h"
@@ -62,11 +74,15 @@
 #include "platform/linux/X11SyntheticKeyboard.h"
 #include "platform/linux/X11Workspace.h"
 #include "platform/linux/XdgAutostart.h"
+#include "platform/linux/UpdatePackageInstaller.h"
 #include "platform/loop/RealTimeLoop.h"
 #include "platform/qt/AIPane.h"
 #include "platform/qt/FileManagerReveal.h"
 #include "platform/qt/LogindWakeMonitor.h"
+#include "platform/qt/ScreenWakeMonitor.h"
+#include "platform/qt/FloatingButtonPane.h"
 #include "platform/qt/MainWindow.h"
+#include "platform/qt/MainWindowPanes.h"
 #include "platform/qt/QtMainLoop.h"
 #include "platform/qt/QtOverlayPanels.h"
 #include "platform/qt/QtResultsWindow.h"
@@ -74,6 +90,17 @@
 #include "platform/qt/QtStatusItem.h"
 #include "platform/qt/QtToastPresenter.h"
 #include "platform/qt/SingleInstance.h"
+#include "platform/qt/ShortcutEditor.h"
+#include "app/ShortcutCommands.h"
+#include "ui/ShortcutRows.h"
+#include "ai/IntelligenceItems.h"
+#include "base/LocalizedLanguage.h"
+#include "platform/qt/PowerSourceMonitor.h"
+#include "platform/qt/QtUpdateAlert.h"
+#include "app/UpdateCommand.h"
+#include "app/UpdatePublicKey.h"
+#include "store/MigrationHelper.h"
+#include "store/SqliteStore.h"
 #include "store/UserShortcutCache.h"
 #include "text/AccesibilityControllerImpl.h"
 #include "text/ClipboardHelper.h"
@@ -84,6 +111,8 @@
 #include "ui/HitTestManager.h"
 #include "ui/Messages.h"
 #include "ui/OverlayScreenControllerImpl.h"
+#include "ui/FloatingButtonController.h"
+#include "ui/RadialMenu.h"
 
 namespace sprelio::app {
 
@@ -91,6 +120,7 @@ namespace {
 
 constexpr const char* kBundleIdentifier = "com.sprelio.app";
 constexpr std::uint16_t kRightOptionKeyCode = 61;
+constexpr std::chrono::seconds kWarningToastDelay{2};
 
 // The history as the session writes it; the History tab hears of every new entry.
 class NotifyingHistory final : public HistoryManager {
@@ -164,6 +194,12 @@ private:
     const store::AppConstants& constants() const { return env_.constants(); }
     void checkUsability(const std::string& caller) { usability_.checkUsability(caller); }
     void checkHotkeyCollision();
+    bool isEmbeddedAccount() const { return endpoint_ && endpoint_->isEmbedded(); }
+    void openSignInWindow();
+    // The account's line on the Main tab and the open sign-in window follow the presenter.
+    void showAccountState();
+    // The banner on the Main tab and the tray's tooltip and first entry.
+    void showUsabilityWarnings();
     void startObservers();
     std::shared_ptr<HttpAudioUploadManager> makeUploadManager(bool showsStages);
 
@@ -178,14 +214,17 @@ private:
     platform::PulseAudioConnection pulse_;
     platform::PulseAudioDevices audioDevices_{pulse_, loop_};
     platform::PulseAudioCapture capture_{pulse_};
+    platform::PulseAudioLevelTap levelTap_{pulse_};
     platform::PulseAudioOutput output_{pulse_, loop_};
     platform::PulseSoundPlayer sounds_{pulse_};
+    platform::PulseSystemAudio systemAudio_;
     platform::X11GlobalInput input_{loop_};
     platform::X11Workspace workspace_{loop_, "", kBundleIdentifier};
     platform::X11Clipboard clipboard_{loop_};
     platform::X11SyntheticKeyboard keyboard_{"", &input_};
     platform::X11KeyboardLayout layout_{loop_};
     platform::LogindWakeMonitor wake_{loop_};
+    platform::ScreenWakeMonitor screenWake_{loop_};
     WakeRelay wakeRelay_;
     platform::NetlinkNetworkMonitor network_;
     platform::CurlHttpClient http_{loop_};
@@ -207,6 +246,9 @@ private:
     std::unique_ptr<ApiEndpoint> endpoint_;
     BalancingManager balancing_;
     std::unique_ptr<LoginResourceService> account_;
+    std::unique_ptr<LoginAndRegistrationPresenter> login_;
+    // Made at its first opening; goes before the presenter it draws.
+    std::unique_ptr<platform::SignInWindow> signInWindow_;
     HistoryManagerImpl historyStore_;
     std::unique_ptr<MaintenanceManager> maintenance_;
 
@@ -229,6 +271,9 @@ private:
     // ---- Windows, overlay and the session ----
     WindowTitles titles_ = WindowTitles::make(env_.constants().appName());
     std::unique_ptr<AppWindows> windows_;
+    // The Files tab's logic outlives its pane, which lets go of it when it goes.
+    std::unique_ptr<FileUploadManager> fileUploads_;
+    std::unique_ptr<FilesMenuViewModel> files_;
     std::unique_ptr<platform::MainWindow> mainWindow_;
     std::unique_ptr<platform::QtAppEventMonitor> eventMonitor_;
     std::unique_ptr<NotifyingHistory> history_;
@@ -239,12 +284,17 @@ private:
     std::unique_ptr<IntelligencePresetsViewModel> presets_;
     std::unique_ptr<ProblemReportUploader> reportUploader_;
     std::unique_ptr<SendReportViewModel> report_;
-    std::unique_ptr<ContinuousSpeechUnavailable> continuousSpeech_;
+    std::shared_ptr<HttpAudioUploadManager> continuousUpload_;
+    std::unique_ptr<ContinuousSpeechManagerImpl> continuousSpeech_;
     HitTestManager hitTest_{screens_};
     platform::QtOverlayPanelFactory panelFactory_{screens_};
     platform::QtPointerLocation pointer_{screens_};
     platform::X11WindowList windowList_{screens_};
     std::unique_ptr<OverlayScreenControllerImpl> overlay_;
+    // The floating button's ring of AI actions and the settings that take effect at once.
+    std::unique_ptr<FloatingRecordViewModel> ringModel_;
+    std::unique_ptr<FloatingRecordView> ring_;
+    std::unique_ptr<FloatingButtonController> floatingButton_;
     std::shared_ptr<HttpAudioUploadManager> sessionUpload_;
     std::shared_ptr<HttpAudioUploadManager> historyUpload_;
     std::unique_ptr<AppDelegate> app_;
@@ -256,14 +306,25 @@ private:
     std::unique_ptr<KeyboardShortcutManager> keyboardManager_;
     std::unique_ptr<MouseShortcutManager> mouseManager_;
     std::unique_ptr<EventTapManager> tap_;
+    std::unique_ptr<KeyShortcutRecorder> recorder_;
+    std::unique_ptr<ShortcutRows> shortcutRows_;
     std::unique_ptr<FrontmostAppTracker> frontmostTracker_;
 
     // ---- Tray and life cycle ----
     std::unique_ptr<AppMenuBar> menuBar_;
     std::unique_ptr<DesktopShell> shell_;
     std::unique_ptr<AppLifecycle> lifecycle_;
+
+    // ---- Updates and the power log ----
+    platform::QtUpdateAlert updateAlert_;
+    platform::UpdatePackageInstaller packageInstaller_{loop_};
+    std::unique_ptr<SparkleUpdaterDelegate> updaterDelegate_;
+    SparkleUserDriverDelegate userDriverDelegate_;
+    std::unique_ptr<SPUUpdater> updater_;
+    platform::PowerSourceMonitor powerSourceMonitor_{clock_};
     std::vector<QMetaObject::Connection> screenConnections_;
     std::optional<std::tuple<bool, bool, std::string>> collisionBasis_;
+    LifetimeGuard lifetime_; // last: closures posted by the members above test it
 };
 
 Desktop::Desktop()
@@ -271,7 +332,7 @@ Desktop::Desktop()
       usability_(UsabilityManager::Dependencies{
           clock_, [this] { return microphones_ && !microphones_->mics().empty(); },
           [this] { return input_.isAvailable() && keyboard_.isAvailable(); }, [] { return true; },
-          [this] { return settings().filesMenuRecordingMode(); }}),
+          [this] { return settings().filesMenuRecordingMode(); }, &loop_}),
       balancing_(loop_, clock_, env_.settings(), appState_, env_.constants().appName()),
       historyStore_(context_, clock_),
       hotKeys_(env_.settingsStore(), input_),
@@ -281,6 +342,9 @@ Desktop::Desktop()
       accessibility_(AccesibilityControllerDependencies{loop_, env_.settings(), workspace_, env_.constants(),
                                                         clipboardHelper_, keyboard_, keyCodes_, layout_}),
       substitutions_([this]() -> store::ManagedObjectContext& { return context_; }) {
+    // A delivery that can't be confirmed (a terminal that ignores a fresh clipboard) leaves the text on the
+    // clipboard and says so.
+    accessibility_.setMessages(&messages_);
     // The account API: the embedded server unless the settings name another.
     std::string endpointError;
     endpoint_ = ApiEndpoint::resolve(settings(), constants(), endpointError);
@@ -288,11 +352,26 @@ Desktop::Desktop()
         logError("Desktop.init() - the account API can't be used: " + endpointError);
         messages_.showAlertForError(SPRStringError::errorMessageError(std::nullopt, endpointError).toError());
     }
+    // A newer build's store is used as it is (nothing is converted or dropped); the user should know why some of
+    // what that build saved may not show here.
+    if (const auto store = env_.persistence().container().store(); store && store->writtenByNewerBuild()) {
+        SPRToastView toast;
+        toast.messageTitle = "Data from a newer version";
+        toast.messageText = "Your history and shortcuts were saved by a newer version of " + constants().appName() +
+                            ". This version uses them as they are and changes nothing; install the newer version again "
+                            "to use all of it.";
+        toast.warningLevel = SPRToastViewWarningLevel::warning;
+        messages_.showSPRToast(std::move(toast));
+    }
     account_ = std::make_unique<LoginResourceService>(LoginResourceService::Dependencies{
         loop_, clock_, http_, settings(), constants(), appState_, screens_, &balancing_, &messages_,
         endpoint_ ? endpoint_->baseURL() : ApiEndpoint::configuredBaseURL(settings()), machineIdentity(),
         localeRegion(), true});
     balancing_.setService(account_.get());
+    login_ = std::make_unique<LoginAndRegistrationPresenter>(LoginAndRegistrationPresenter::Dependencies{
+        loop_, clock_, settings(), appState_, *account_, &messages_});
+    // The "Log Out" of an "Unauthorized" message: the account service no longer takes the token.
+    messages_.logout = [this] { login_->logoutUnauthorized(); };
     intelligenceManager_ = std::make_unique<IntelligenceManager>(
         IntelligenceManager::Dependencies{loop_, http_, settings(), constants(), account_.get()});
     feedIntelligenceManager(*account_, *intelligenceManager_);
@@ -321,7 +400,10 @@ Desktop::Desktop()
                 if (!item.model.empty()) models.push_back(item.model);
             return models;
         },
-        [this] { if (intelligence_) intelligence_->intelligencePresetsDidChange(); }});
+        [this] {
+            if (intelligence_) intelligence_->intelligencePresetsDidChange();
+            if (ringModel_) ringModel_->pickerListChanged();
+        }});
     intelligence_ = std::make_unique<IntelligenceViewModelImpl>(IntelligenceViewModelImpl::Dependencies{
         settings(), constants(), appState_, sounds_,
         [this] {
@@ -348,9 +430,11 @@ Desktop::Desktop()
         [this](const std::string& text) { if (app_) app_->performPasting(text); }});
     resultsWindow_ = std::make_unique<platform::QtResultsWindow>(*resultsView_, screens_);
     resultsView_->setWindow(resultsWindow_.get());
-    continuousSpeech_ = std::make_unique<ContinuousSpeechUnavailable>(loop_, messages_, [this] {
-        if (app_ && app_->appStatus() == AppActivity::continuousSpeechActive) session_->continuousVoiceToText();
-    });
+    // Continuous speech uploads with a client of its own, without the stages of the dictation's overlay.
+    continuousUpload_ = makeUploadManager(false);
+    continuousSpeech_ = std::make_unique<ContinuousSpeechManagerImpl>(ContinuousSpeechManagerDependencies{
+        loop_, clock_, levelTap_, settings(), appState_, recorders_, *continuousUpload_, *history_, messages_,
+        [this] { return app_.get(); }});
     session_ = std::make_unique<AppShortcutSession>(AppShortcutSessionDependencies{
         loop_, appState_, settings(), context_, messages_, *intelligence_, *continuousSpeech_, *history_,
         ClipboardAccess{
@@ -378,7 +462,12 @@ Desktop::Desktop()
     OverlayHost host;
     host.appStatus = [this] { return app_ ? app_->appStatus() : AppActivity::idle; };
     host.lastShownOverlayType = [this] { return app_ ? app_->lastShownOverlayType() : std::nullopt; };
-    host.recordAudio = [this] { return app_ ? app_->recordAudio() : nullptr; };
+    host.recordAudio = [this]() -> std::shared_ptr<RecordingAudio> {
+        if (!app_) return nullptr;
+        // Continuous speech records with recorders of its own, one per piece.
+        if (app_->appStatus() == AppActivity::continuousSpeechActive) return continuousSpeech_->meterSource();
+        return app_->recordAudio();
+    };
     host.cancelRecordingAndProcessing = [this] { if (app_) app_->cancelRecordingAndProcessing(); };
     host.showOverlay = [this](OverlayType type, bool force) { if (app_) app_->showOverlay(type, force); };
     host.checkUsability = [this](const std::string& caller) { checkUsability(caller); };
@@ -390,6 +479,28 @@ Desktop::Desktop()
         platform_, settings(), appState_, mirror_, messages_, recorders_, *microphones_, *sessionUpload_,
         substitutions_, accessibility_, *intelligence_, *continuousSpeech_, *history_, *resultsView_,
         kBundleIdentifier, [this] { cache_.update(context_); }});
+    // The ring offers the AI picker's items.
+    ringModel_ = std::make_unique<FloatingRecordViewModel>(loop_, settings(), RadialMenuCatalogue{
+        [this] {
+            std::vector<std::string> ids;
+            for (const auto& [row, id] : intelligence_->orderedActionsTranslationsPickerItems())
+                if (id) ids.push_back(*id);
+            return ids;
+        },
+        [this](const std::string& id) { return intelligence_->getTitleForItem(id); },
+        [this](const std::string& id) { return intelligence_->getEmojiForItem(id); }});
+    ring_ = std::make_unique<FloatingRecordView>(FloatingRecordViewDependencies{
+        loop_, settings(), appState_, *actions_, *ringModel_, overlay_.get(),
+        [this] { return app_ ? app_->lastShownOverlayType() : std::nullopt; },
+        [this] { if (app_) app_->cancelRecordingAndProcessing(); }});
+    overlay_->setRecordingOverlayMenu(ring_.get());
+    floatingButton_ = std::make_unique<FloatingButtonController>(FloatingButtonControllerDependencies{
+        settings(), screens_, pointer_, [this] { return app_->appStatus(); },
+        // A change in Sprelio's own window: the focus stays there, as at a screen change.
+        [this](OverlayType type, bool force) {
+            app_->showOverlay(type, force, AppDelegate::OverlayTrigger::screenChange);
+        },
+        [this](bool force, bool preserveAppFocus) { app_->removeOverlay(force, preserveAppFocus); }, ringModel_.get()});
 
     // The History tab transcribes again with a client of its own, without overlay.
     maintenance_ = std::make_unique<MaintenanceManager>(env_.persistence().container(), settings(), clock_);
@@ -400,7 +511,9 @@ Desktop::Desktop()
         [this](const std::string& text, const std::string& caller) { clipboardHelper_.setString(text, caller); }});
     // The Send Report tab.
     reportUploader_ = std::make_unique<ProblemReportUploader>(ProblemReportUploader::Dependencies{
-        loop_, http_, settings(), [this] { return account_->url(); },
+        // At the API's base URL, not the account service's sign-in URL under it.
+        loop_, http_, settings(),
+        [this] { return endpoint_ ? endpoint_->baseURL() : ApiEndpoint::configuredBaseURL(settings()); },
         errorDescription(SPRLocalizedError::tokenUnavailableError, constants().appName())});
     report_ = std::make_unique<SendReportViewModel>(SendReportViewModel::Dependencies{
         loop_, workers_, settings(), appState_, *reportUploader_, [this] { return env_.logManager().getLogZip(); },
@@ -414,6 +527,21 @@ Desktop::Desktop()
             return data;
         },
         [this] { shell_->activateIgnoringOtherApps(); }});
+    // The Files tab, with an upload client of its own.
+    fileUploads_ = std::make_unique<FileUploadManager>(
+        FileUploadManager::Dependencies{loop_, http_, balancing_, settings(), constants(), account_->deviceId()});
+    files_ = std::make_unique<FilesMenuViewModel>(FilesMenuViewModel::Dependencies{
+        loop_, workers_, clock_, settings(), appState_, *history_, sounds_, messages_, *fileUploads_, systemAudio_,
+        [this](const std::string& text, const std::string& caller) { clipboardHelper_.setString(text, caller); },
+        [this] {
+            if (app_->appStatus() != AppActivity::idle) return;
+            app_->setAppStatus(AppActivity::filesMenuViewRecording);
+            app_->showOverlay(OverlayType::recording);
+            if (mainWindow_) mainWindow_->refreshState();
+        },
+        [this] {
+            if (app_->appStatus() == AppActivity::filesMenuViewRecording) app_->setupMenuWithMainMenu();
+        }});
     mainWindow_ = std::make_unique<platform::MainWindow>(platform::MainWindowDependencies{
         loop_, clock_, workspace_, settings(), constants(), appState_, context_,
         [this] { return app_->appStatus(); }, titles_, historyView_.get(), maintenance_.get(), &sounds_,
@@ -421,18 +549,46 @@ Desktop::Desktop()
         [this]() -> std::optional<std::string> {
             return endpoint_ ? endpoint_->reconfigureAi(settings()) : std::nullopt;
         },
-        report_.get(), [this](const std::filesystem::path& file) { return reveal_.showItem(file); }});
+        report_.get(), [this](const std::filesystem::path& file) { return reveal_.showItem(file); }, files_.get()});
+    if (auto* about = mainWindow_->findChild<platform::AboutPane*>())
+        QObject::connect(about, &platform::AboutPane::checkForUpdateRequested, qApp,
+                         [this] { updater_->checkForUpdates(); });
     if (auto* ai = mainWindow_->aiPane())
         ai->setActionsSource([this] { return aiActionRows(*intelligence_, context_); });
+    if (auto* floating = mainWindow_->floatingButtonPane()) {
+        floating->setRingSource(ringModel_->catalogue());
+        floating->onSettingChanged = [this](const std::string& key) { floatingButton_->settingChanged(key); };
+    }
+    mainWindow_->settingsPane()->onSettingChanged = [this](const std::string& key) {
+        floatingButton_->settingChanged(key);
+    };
     windows_->setMainWindow(mainWindow_.get());
     eventMonitor_ = std::make_unique<platform::QtAppEventMonitor>(*windows_, screens_);
-    appState_.onChange = [this](std::string_view field) { mainWindow_->appStateChanged(field); };
+    appState_.onChange = [this](std::string_view field) {
+        mainWindow_->appStateChanged(field);
+        if (signInWindow_ && (field == "statusBannerViewMessage" || field == "isShowingBanner")) signInWindow_->refresh();
+    };
+    // The account's state on the Main tab and in the tray, and the window that signs in.
+    login_->addObserver([this] { showAccountState(); });
+    showAccountState();
     statusItem_.onImageChanged = [this](const std::string&) { mainWindow_->refreshState(); };
-    usability_.onChange = [this] { mainWindow_->setUsabilityWarnings(usability_.bannerTexts()); };
+    usability_.onChange = [this] { showUsabilityWarnings(); };
+    // A warning found missing is told in a toast as well, once it has outlasted the start's burst of checks: the
+    // first device list arrives a moment after the first check, and a toast that says "no microphone" and is wrong
+    // a moment later is worse than none.
+    usability_.onWarningRaised = [this](UsabilityWarning warning) {
+        loop_.schedule(kWarningToastDelay, lifetime_.guard([this, warning] {
+            if (!usability_.hasWarning(warning)) return;
+            messages_.showAlertForError(
+                SPRStringError::errorMessageError(std::nullopt, usabilityWarningText(warning)).toError(), std::nullopt,
+                false, true);
+        }));
+    };
 
     // Global input.
     keyboardManager_ = std::make_unique<KeyboardShortcutManager>(KeyboardShortcutManagerDependencies{
-        loop_, context_, settings(), hotKeys_, keyCodes_, appState_, &cache_, {},
+        loop_, context_, settings(), hotKeys_, keyCodes_, appState_, &cache_,
+        [this] { return store::MigrationHelper(context_, settings(), constants()).checkAndMigrate(); },
         [this](const std::string& caller) { checkUsability(caller); }});
     keyboardManager_->setActionDispatcher(actions_.get());
     mouseManager_ = std::make_unique<MouseShortcutManager>(MouseShortcutManagerDependencies{
@@ -444,6 +600,32 @@ Desktop::Desktop()
         loop_, input_, sounds_, workspace_, mirror_, *keyboardManager_, *mouseManager_, kBundleIdentifier,
         [this] { return usability_.hasWarning(UsabilityWarning::accessibility); },
         [this] { checkUsability("EventTapManager"); }, [this] { return input_.isAvailable(); }, {}});
+    // The hotkey editor of the Settings tab, and `sprelio shortcuts` on the same rows.
+    recorder_ = std::make_unique<KeyShortcutRecorder>(KeyShortcutRecorderDependencies{
+        context_, *keyboardManager_, hotKeys_, tap_.get(), mouseManager_.get(), &sounds_,
+        [this] { app_->updateCachedUserShortcuts(); }});
+    shortcutRows_ = std::make_unique<ShortcutRows>(ShortcutRowsDependencies{
+        context_, *keyboardManager_, hotKeys_, *recorder_,
+        [this] {
+            std::vector<ShortcutItemChoice> choices;
+            for (const auto& [row, id] : intelligence_->orderedActionsTranslationsPickerItems())
+                if (id)
+                    choices.push_back({*id, intelligence_->getEmojiForItem(*id) + " " + intelligence_->getTitleForItem(*id),
+                                       row == IntelligenceRow::translate});
+            return choices;
+        },
+        [this] { app_->updateCachedUserShortcuts(); }});
+    {
+        std::vector<std::pair<std::string, std::string>> languages;
+        for (const auto& language : sortedLanguageTable()) languages.emplace_back(language.code, language.localized);
+        mainWindow_->installShortcutEditor(platform::ShortcutEditorDependencies{
+            *shortcutRows_,
+            [this] {
+                const auto front = workspace_.frontmostApplication();
+                return front && front->bundleIdentifier == kBundleIdentifier;
+            },
+            std::move(languages)});
+    }
     // Without its X server the shell itself ends; the log says why the hotkeys went first.
     input_.setConnectionLostHandler(
         [] { logError("Desktop - the connection to the X server is lost: no hotkeys and no pasting from now on"); });
@@ -461,17 +643,53 @@ Desktop::Desktop()
         [this] { workspace_.activateSelf(); }});
 
     // Tray and life cycle.
-    menuBar_ = std::make_unique<AppMenuBar>(AppMenuBar::Dependencies{context_, settings(), *microphones_,
-                                                                      [this] { return app_->appStatus(); }});
+    menuBar_ = std::make_unique<AppMenuBar>(AppMenuBar::Dependencies{
+        context_, settings(), *microphones_, [this] { return app_->appStatus(); },
+        [this] { return platform::accountActionTitle(*login_, isEmbeddedAccount()).toStdString(); }});
     shell_ = std::make_unique<DesktopShell>(workspace_, [this]() -> QWidget* { return mainWindow_.get(); });
+    // Updates: found in the background, offered when the application is idle and the user is not in its window.
+    updaterDelegate_ = std::make_unique<SparkleUpdaterDelegate>(SparkleUpdaterDelegate::Dependencies{
+        loop_, constants().appName(), constants().appVersion(),
+        [this]() -> std::optional<AppActivity> {
+            if (!app_ || !lifecycle_ || !lifecycle_->didFinishLaunching()) return std::nullopt;
+            return app_->appStatus();
+        },
+        [this] { return mainWindow_ && mainWindow_->isKeyWindow(); },
+        [this](UpdateAlert alert, std::function<void(int)> answer) { updateAlert_.show(alert, std::move(answer)); },
+        [this](std::string title, std::string text) {
+            SPRToastView toast;
+            toast.messageTitle = std::move(title);
+            toast.messageText = std::move(text);
+            toast.warningLevel = SPRToastViewWarningLevel::message;
+            messages_.showSPRToast(std::move(toast));
+        },
+        [this] { updater_->checkForUpdatesInBackground(); }});
+    updater_ = std::make_unique<SPUUpdater>(
+        SPUUpdater::Dependencies{
+            loop_, http_, [this] { return configuredUpdateFeedURL(settings()); }, constants().appName(),
+            constants().appVersion(), kUpdatePublicKey, constants().appSupportFolder() / "updates",
+            [this](const std::filesystem::path& package, std::function<void(std::optional<std::string>)> done) {
+                packageInstaller_.install(package, std::move(done));
+            },
+            [] {
+                if (platform::relaunchWhenThisProcessEnds(platform::installedExecutable())) QCoreApplication::quit();
+            },
+            [this](const std::string& message) {
+                messages_.showAlertForError(SPRStringError::errorMessageError(std::nullopt, message).toError());
+            }},
+        *updaterDelegate_, userDriverDelegate_);
     lifecycle_ = std::make_unique<AppLifecycle>(AppLifecycleDependencies{
         loop_, settings(), constants(), appState_, mirror_, *app_, *shell_, screens_,
         [this] { app_->updateCachedUserShortcuts(); },
-        {}, // the sign-in presenter has no early work: signing in is the command line's for now
+        [this] { login_->onViewLoad(); },
         [this](bool enabled) { autostart_.setLoginItem(enabled); },
-        [] { logInfo("checkForUpdatesInBackground() - updates come from the distribution's packages"); },
+        [this] { updater_->checkForUpdatesInBackground(); },
         [this] { checkHotkeyCollision(); },
-        [this] { keyboardManager_->setup(); },
+        [this] {
+            keyboardManager_->setup();
+            // The editor was drawn before the store had its shortcuts.
+            if (auto* editor = mainWindow_->shortcutEditor()) editor->reload();
+        },
         {}, // the mouse manager is ready once made
         [this] { cleanupShortcutsByUserDefaults(context_, env_.settingsStore(), hotKeys_, clock_); },
         [this] {
@@ -490,19 +708,30 @@ Desktop::Desktop()
                 [this] { return app_->appStatus(); }, [this] { app_->callCancelRecordingAndProcessing(); },
                 [this] { continuousSpeech_->stopMonitoring(); }, [this] { app_->setupMenuWithMainMenu(); },
                 [this](const MicDevice& mic) { microphones_->setDefaultInputDevice(mic.id, mic.name, mic.transportType); },
-                [this] { lifecycle_->quitFromMenu(); }, [this](ContentViewTab tab) { windows_->openTab(tab); }});
+                [this] { lifecycle_->quitFromMenu(); }, [this](ContentViewTab tab) { windows_->openTab(tab); },
+                [this] { openSignInWindow(); }});
         },
         [this] {
             menuBar_->awakeFromNib();
             statusItem_.setMenu(*menuBar_);
+            // The tray's way to continuous dictation: the same as its key, offered only when it can't break
+            // into a dictation or a Files recording.
+            statusItem_.setContinuousDictation(
+                [this]() -> std::optional<bool> {
+                    const AppActivity state = app_->appStatus();
+                    if (state == AppActivity::idle) return false;
+                    if (state == AppActivity::continuousSpeechActive) return true;
+                    return std::nullopt;
+                },
+                [this] { session_->continuousVoiceToText(); });
             statusItem_.show();
         },
         {}, // the maintenance and balancing managers are made with the application
         [this] { balancing_.initializeIfNeeded("applicationDidFinishLaunching", false); },
         [this] { windows_->openTab(ContentViewTab::settings); },
-        {}, // no updater: updates come with the distribution's packages
+        [this] { updater_->startUpdater(); },
         [this] { startObservers(); },
-        {}, // no power-source rules without the updater
+        [this] { powerSourceMonitor_.startMonitoring(); },
         [] { QCoreApplication::quit(); },
         [this] { env_.persistence().container().setDidSave([this] { app_->updateCachedUserShortcuts(); }); }});
 }
@@ -543,7 +772,7 @@ void Desktop::launch() {
     logInfo("verifyUsability()");
     if (input_.isAvailable()) tap_->registerEventTap(false);
     checkUsability("verifyUsability");
-    mainWindow_->setUsabilityWarnings(usability_.bannerTexts());
+    showUsabilityWarnings();
     // After the steps that the launch posted (the activation of step 16 among them).
     loop_.post([] { logInfo("Desktop.launch() - ready: the hotkeys are live"); });
 }
@@ -554,7 +783,78 @@ void Desktop::reopen() {
 }
 
 void Desktop::registerRemoteCommands(platform::SingleInstance& instance) {
+    // "sprelio files add|record": into the Files tab, as if the user had dropped the files or pressed record there.
+    instance.handleCommands("files", [this](platform::RemoteCommand command) {
+        runFilesRemoteCommand(*files_, loop_, [this] { windows_->openTab(ContentViewTab::files); }, std::move(command));
+    });
+    // "sprelio shortcuts ...": on the editor's own rows, so the change is live at once.
+    instance.handleCommands("shortcuts", [this](platform::RemoteCommand command) {
+        std::ostringstream out, err;
+        const int status = runShortcutCommand(command.args, *shortcutRows_, keyCodes_, out, err);
+        std::istringstream outLines(out.str()), errLines(err.str());
+        for (std::string line; std::getline(outLines, line);) command.print(line);
+        for (std::string line; std::getline(errLines, line);) command.printError(line);
+        command.finish(status);
+    });
+    // "sprelio continuous start|stop": the same as the shortcut action, refused when the answer would surprise.
+    instance.handleCommands("continuous", [this](platform::RemoteCommand command) {
+        const std::string verb = command.args.size() == 2 ? command.args[1] : std::string();
+        const AppActivity state = app_->appStatus();
+        if (verb == "start") {
+            if (state == AppActivity::continuousSpeechActive) {
+                command.print("Continuous dictation is already listening.");
+                return command.finish(0);
+            }
+            if (state != AppActivity::idle) {
+                command.printError("sprelio: Sprelio is busy (" + std::string(appActivityName(state)) +
+                                   "); start continuous dictation when it is idle");
+                return command.finish(1);
+            }
+            session_->continuousVoiceToText();
+            if (!continuousSpeech_->isActive()) {
+                command.printError("sprelio: continuous dictation could not listen to the microphone; the log says why");
+                return command.finish(1);
+            }
+            command.print("Continuous dictation is listening: speak, and each pause sends what you said to the "
+                          "application in front. Stop with: sprelio continuous stop");
+            return command.finish(0);
+        }
+        if (verb == "stop") {
+            if (state != AppActivity::continuousSpeechActive && !continuousSpeech_->isActive()) {
+                command.print("Continuous dictation is not running.");
+                return command.finish(0);
+            }
+            session_->continuousVoiceToText();
+            command.print("Continuous dictation stopped; a piece still being transcribed is delivered when ready.");
+            return command.finish(0);
+        }
+        command.printError("usage: sprelio continuous start|stop");
+        command.finish(2);
+    });
     (void)instance;
+}
+
+void Desktop::showUsabilityWarnings() {
+    const auto texts = usability_.bannerTexts();
+    mainWindow_->setUsabilityWarnings(texts);
+    statusItem_.setWarnings(texts, [this] { windows_->openTab(ContentViewTab::main); });
+}
+
+void Desktop::openSignInWindow() {
+    if (!signInWindow_) {
+        signInWindow_ = std::make_unique<platform::SignInWindow>(platform::SignInWindowDependencies{
+            *login_, appState_, constants().appName(),
+            endpoint_ ? endpoint_->baseURL() : ApiEndpoint::configuredBaseURL(settings()), isEmbeddedAccount()});
+    }
+    signInWindow_->present();
+}
+
+void Desktop::showAccountState() {
+    if (auto* pane = mainWindow_ ? mainWindow_->mainPane() : nullptr) {
+        pane->setAccount(platform::accountSummary(*login_, isEmbeddedAccount()),
+                         platform::accountActionTitle(*login_, isEmbeddedAccount()), [this] { openSignInWindow(); });
+    }
+    if (signInWindow_) signInWindow_->refresh();
 }
 
 void Desktop::checkHotkeyCollision() {
@@ -587,6 +887,10 @@ void Desktop::startObservers() {
     // The wake: the microphones look again and the overlay is rebuilt.
     wake_.setWakeHandler([this] {
         wakeRelay_.wake([this] { lifecycle_->handleSystemWake("NSWorkspaceDidWakeNotification"); });
+    });
+    // The screen back on, or the session unlocked, without a sleep: the same rebuilding.
+    screenWake_.setHandler([this](const std::string& name) {
+        wakeRelay_.wake([this, name] { lifecycle_->handleSystemWake(name); });
     });
 }
 

@@ -11,7 +11,10 @@
 #include "app/CommandSupport.h"
 #include "audio/RecordingPathHelper.h"
 #include "backend/UploadAnswer.h"
+#include "files/FilesMenuViewModel.h"
+#include "files/HistoryCopy.h"
 #include "base/Log.h"
+#include "base/TextCase.h"
 #include "shared/ShortcutAction.h"
 #include "store/DatabaseHelpers.h"
 #include "store/Entities.h"
@@ -28,15 +31,6 @@ namespace fs = std::filesystem;
 constexpr auto kTranscribeLimit = std::chrono::minutes(15);
 constexpr auto kLongFileLimit = std::chrono::hours(6);
 
-// What the Files tab accepts.
-constexpr std::array<std::string_view, 27> kAudioExtensions = {
-    "wav", "oga", "ogg", "caf", "mp3", "opus", "aac", "flac", "m4a", "wma", "aiff", "aif", "pcm", "amr",
-    "alac", "ape", "mid", "midi", "ra", "mka", "au", "ac3", "dts", "voc", "tta", "mp2", "aifc"};
-constexpr std::array<std::string_view, 35> kVideoExtensions = {
-    "mp4", "mov", "avi", "mkv",  "wmv", "flv", "m4v", "webm", "3gp", "mpeg", "mpg", "ogv",
-    "mts", "m2ts", "vob", "rm",  "rmvb", "asf", "swf", "f4v", "divx", "xvid", "mxf", "ts",
-    "dat", "drc", "mng", "qt",  "yuv", "ogm", "svi", "mp2", "mpv", "mpe", "mpg4"};
-
 std::vector<std::string> configuredLanguageCodes(const store::Settings& settings) {
     std::vector<std::string> codes;
     for (const auto& language : settings.localizedTranslationLanguages()) {
@@ -45,34 +39,9 @@ std::vector<std::string> configuredLanguageCodes(const store::Settings& settings
     return codes;
 }
 
-// The history keeps the recording of every request and removes it with its entry. A file named on the command line
-// is the user's own: the history gets a name of its own for it in the recordings folder (a hard link, or a copy
-// across file systems), so that removing an entry never deletes the user's file.
+// A file named on the command line is the user's own: the history keeps a name of its own for it.
 std::optional<fs::path> keepForHistory(AppEnvironment& env, const fs::path& file, std::string& problem) {
-    std::error_code error;
-    auto target = RecordingPathHelper::pathForDate(env.settings().saveRecordingsFolder(), env.clock().now(), error);
-    if (error) {
-        problem = "could not create the recordings folder " + target.folder.string() + ": " + error.message();
-        return std::nullopt;
-    }
-    fs::path kept = target.file;
-    kept.replace_extension(file.extension());
-    // Two commands in the same millisecond must not share (or overwrite) one name.
-    for (int n = 2; fs::exists(kept, error); ++n) {
-        kept = target.file;
-        kept.replace_filename(target.file.stem().string() + "-" + std::to_string(n) + file.extension().string());
-    }
-    fs::create_hard_link(file, kept, error);
-    if (error) {
-        error.clear();
-        fs::copy_file(file, kept, fs::copy_options::none, error);
-    }
-    if (error) {
-        problem = "could not keep " + file.string() + " in " + target.folder.string() + ": " + error.message();
-        return std::nullopt;
-    }
-    logInfo("sprelio transcribe - keeping the file for the history as " + kept.string());
-    return kept;
+    return keepCopyForHistory(env.settings().saveRecordingsFolder(), env.clock().now(), file, problem);
 }
 
 struct TranscribeOptions {
@@ -257,13 +226,10 @@ bool isFileValidForTranscription(const fs::path& path, std::string& problem) {
         problem = "no such file: " + path.string();
         return false;
     }
-    std::string extension = path.extension().string();
-    if (!extension.empty()) extension.erase(0, 1);
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    const auto known = [&](const auto& list) { return std::find(list.begin(), list.end(), extension) != list.end(); };
-    if (!known(kAudioExtensions) && !known(kVideoExtensions)) {
-        logInfo("isFileValidForTranscription - unsupported extension: " + extension);
+    if (!isSupportedMediaExtension(path)) {
+        std::string extension = path.extension().string();
+        if (!extension.empty()) extension.erase(0, 1);
+        logInfo("isFileValidForTranscription - unsupported extension: " + text::lowercased(extension));
         problem = "Only audio and video files are supported.";
         return false;
     }

@@ -243,6 +243,7 @@ void FileUploadManager::transcribeFile(const std::string& fileUUID, const std::s
     stream->completion = std::move(completion);
     stream->error = std::move(error);
 
+    activeStream_ = stream;
     const auto alive = lifetime_.token();
     platform::HttpRequest request;
     request.method = "GET";
@@ -285,6 +286,19 @@ void FileUploadManager::transcribeFile(const std::string& fileUUID, const std::s
         }
         endStream(stream);
     });
+}
+
+void FileUploadManager::cancelUpload() {
+    if (auto task = std::move(uploadTask_)) {
+        uploadProgress_ = 0;
+        task->cancel();
+    }
+    if (auto stream = activeStream_.lock(); stream && !stream->done) {
+        stream->done = true;
+        if (stream->task) stream->task->cancel();
+        setEndpoint(stream->fileHash, std::nullopt);
+    }
+    activeStream_.reset();
 }
 
 void FileUploadManager::handleLine(const std::shared_ptr<Stream>& stream, std::string line) {

@@ -78,6 +78,10 @@ public:
     void transcribeFile(const std::string& fileUUID, const std::string& fileHash, bool diarization,
                         ProgressCallback progress, TextCompletion completion, ErrorCallback error);
 
+    // Main loop only. Ends the upload and the transcription stream under way: the stream calls back no more, the
+    // upload's completion may still come with the cancelled error.
+    void cancelUpload();
+
     const std::map<std::string, BackendBalancerPtr>& endpointByFileHash() const { return endpointByFileHash_; }
     double uploadProgress() const { return uploadProgress_; }
     std::function<void(double progress)> onUploadProgressChanged;
@@ -99,6 +103,7 @@ private:
     Timeouts timeouts_;
     double uploadProgress_ = 0;
     std::shared_ptr<platform::HttpTask> uploadTask_;
+    std::weak_ptr<Stream> activeStream_;
     LifetimeGuard lifetime_;
 };
 

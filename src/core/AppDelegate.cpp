@@ -589,7 +589,10 @@ void AppDelegate::aiStepStarted() {
 }
 
 void AppDelegate::aiStepEnded() {
-    if (overlayScreenController_) overlayScreenController_->clearOverlays();
+    // Half a second after the completion the dictation has usually returned to idle and shows the floating button,
+    // or a new dictation is recording: what shows then is theirs, not the AI step's.
+    if (!overlayScreenController_ || appStatus_ != AppActivity::processing) return;
+    overlayScreenController_->clearOverlays();
 }
 
 void AppDelegate::showOverlay(OverlayType overlayType, bool force, OverlayTrigger trigger) {

@@ -45,6 +45,26 @@ constexpr std::int64_t kBlockedKeyCode = 49;
 
 } // namespace
 
+std::string recorderString(const platform::GlobalInputEvent& event) {
+    std::string out;
+    if (event.flags & event_flags::kControl) out += "⌃";
+    if (event.flags & event_flags::kOption) out += "⌥";
+    if (event.flags & event_flags::kShift) out += "⇧";
+    if (event.flags & event_flags::kCommand) out += "⌘";
+    if ((event.type == type::kKeyDown || event.type == type::kKeyUp) && event.characters &&
+        event.charactersIgnoringModifiers) {
+        const std::string name = keyString(event.keyCode);
+        if (name.find(std::to_string(event.keyCode)) == std::string::npos)
+            out += name;
+        else if (event.flags & (event_flags::kOption | event_flags::kControl))
+            out += text::uppercased(*event.charactersIgnoringModifiers);
+        else
+            out += text::uppercased(*event.characters);
+    }
+    if (out.empty() && (event.flags & event_flags::kFunction)) out = "Fn";
+    return out;
+}
+
 bool shouldHandleAsGlobal(const platform::Workspace& workspace, const AppStateRealtimeMirror& mirror,
                           const std::string& ownBundleIdentifier) {
     const auto frontmost = workspace.frontmostApplication();
@@ -205,7 +225,9 @@ bool EventTapManager::eventTapCallback(const platform::GlobalInputEvent& event) 
         });
         return true;
     }
-    const bool global = shouldHandleAsGlobal();
+    // While the recorder records, the keyboard is grabbed for it: every key is the recorder's, wherever the
+    // pointer is.
+    const bool global = !isRecording_ && shouldHandleAsGlobal();
     if (shouldSwallowMouseEvent(event, global)) {
         logInfo("EventTapManager.shouldSwallowMouseEvent() - swallowing mouse event");
         return true;
@@ -270,30 +292,16 @@ bool EventTapManager::shouldSwallowKeyEvent(const platform::GlobalInputEvent& ev
                 return true;
             }
 
-    if (event.flags & event_flags::kControl) currentString_ += "⌃";
-    if (event.flags & event_flags::kOption) currentString_ += "⌥";
-    if (event.flags & event_flags::kShift) currentString_ += "⇧";
-    if (event.flags & event_flags::kCommand) currentString_ += "⌘";
-
-    if (event.type == type::kKeyDown || event.type == type::kKeyUp) {
-        if (event.keyCode == kBlockedKeyCode) {
-            logWarning("EventTapManager.shouldSwallowKeyEvent() - blocked keyCode " + std::to_string(event.keyCode) +
-                       ", swallowing early");
-            playBasso();
-            if (onRecorderStateChange) onRecorderStateChange();
-            return true;
-        }
-        if (event.characters && event.charactersIgnoringModifiers) {
-            const std::string name = keyString(event.keyCode);
-            if (name.find(std::to_string(event.keyCode)) == std::string::npos)
-                currentString_ += name;
-            else if (event.flags & (event_flags::kOption | event_flags::kControl))
-                currentString_ += text::uppercased(*event.charactersIgnoringModifiers);
-            else
-                currentString_ += text::uppercased(*event.characters);
-        }
+    if ((event.type == type::kKeyDown || event.type == type::kKeyUp) && event.keyCode == kBlockedKeyCode) {
+        // The modifiers held are already the recorder's text when the key is refused.
+        currentString_ = modifierString(event.flags & ~event_flags::kFunction);
+        logWarning("EventTapManager.shouldSwallowKeyEvent() - blocked keyCode " + std::to_string(event.keyCode) +
+                   ", swallowing early");
+        playBasso();
+        if (onRecorderStateChange) onRecorderStateChange();
+        return true;
     }
-    if (currentString_.empty() && (event.flags & event_flags::kFunction)) currentString_ = "Fn";
+    currentString_ = recorderString(event);
 
     logDebug("shouldSwallowKeyEvent() - currentString: " + currentString_);
     if (onRecorderStateChange) onRecorderStateChange();
@@ -309,8 +317,11 @@ void EventTapManager::setIsRecording(bool recording) {
         logInfo("EventTapManager.isRecording{} - savedInputSource: " + std::to_string(*savedInputSource_));
         logDebug("getPrimaryInputSource() - result: 0");
         deps_.input.selectInputSource(0);
-        if (auto error = deps_.input.grabKeyboard())
+        keyboardGrabFailed_ = false;
+        if (auto error = deps_.input.grabKeyboard()) {
+            keyboardGrabFailed_ = true;
             logError("EventTapManager.isRecording{} - unable to grab the keyboard: " + error->localizedDescription);
+        }
     } else {
         deps_.input.ungrabKeyboard();
         if (savedInputSource_) {

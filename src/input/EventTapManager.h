@@ -30,6 +30,10 @@ namespace sprelio {
 bool shouldHandleAsGlobal(const platform::Workspace& workspace, const AppStateRealtimeMirror& mirror,
                           const std::string& ownBundleIdentifier);
 
+// The recorder's text for a key event: the modifiers "⌃⌥⇧⌘" in that order, then the key's name or, for a key
+// named only by its code, the character it types; "Fn" for the Function flag alone.
+std::string recorderString(const platform::GlobalInputEvent& event);
+
 struct EventTapManagerDependencies {
     platform::MainLoop& loop;
     platform::GlobalInput& input;
@@ -73,6 +77,8 @@ public:
     bool isRecording() const { return isRecording_; }
     void setIsRecording(bool recording);
     bool isEventTapRegistered() const { return isEventTapRegistered_; }
+    // The last start of a recording could not take the keyboard (another program holds it).
+    bool keyboardGrabFailed() const { return keyboardGrabFailed_; }
     const std::optional<platform::GlobalInputEvent>& currentEvent() const { return currentEvent_; }
     const std::string& currentString() const { return currentString_; }
     SpecialKeycode specialKeyCode() const { return specialKeyCode_; }
@@ -88,6 +94,7 @@ private:
     LifetimeGuard lifetime_;
     bool isEventTapRegistered_ = false;
     bool isRecording_ = false;
+    bool keyboardGrabFailed_ = false;
     std::optional<platform::GlobalInputEvent> currentEvent_;
     std::string currentString_;
     SpecialKeycode specialKeyCode_ = SpecialKeycode::none;

@@ -35,6 +35,13 @@ bool MouseShortcutManager::handleLocalMouseDownEvent(const platform::GlobalInput
     target.setMouseEventMouseButton(event.buttonNumber);
     target.setModifierEventKeyCode(-1);
     target.setShortcutString("Mouse " + std::to_string(event.buttonNumber));
+    if (onMouseShortcutRecorded) {
+        // The recorder stores and re-grabs; that must not happen inside the event delivery that is running.
+        const auto alive = lifetime_.token();
+        deps_.loop.post([this, alive] {
+            if (alive && onMouseShortcutRecorded) onMouseShortcutRecorded();
+        });
+    }
     // The press used for recording goes on to the application.
     return false;
 }

@@ -57,6 +57,8 @@ public:
 
     bool recordMouseShortcut = false;
     UserShortcutPtr recordMouseShortcutEditingUserShortcut;
+    // After a press was recorded for the shortcut being edited (the recorder decides what to do with it).
+    std::function<void()> onMouseShortcutRecorded;
 
 private:
     MouseShortcutManagerDependencies deps_;

@@ -47,6 +47,28 @@ struct OverlayDrawing {
     int transparency = 0;
     bool pressed = false;
 
+    // Recording with the AI tools: the ring of buttons round a centre. `hitCenter` and `hitRadius` are where the
+    // button takes clicks, in canvas coordinates, in the order in which clicks are tested (the first that holds the
+    // point wins), so that a pointer over the ring can show which button a click would press.
+    struct RingButton {
+        std::string id;
+        std::string title;
+        std::string emoji;
+        bool isCancel = false;
+        Point center;
+        double radius = 0;
+        Point hitCenter;
+        double hitRadius = 0;
+        bool operator==(const RingButton&) const = default;
+    };
+    std::vector<RingButton> ringButtons;
+    // The centre circle (drawn radius and its click area); zero when there is no ring.
+    double ringCenterRadius = 0;
+    Point ringHitCenter;
+    double ringHitRadius = 0;
+    // A preview: the ring is shown, its buttons do nothing.
+    bool ringDisabled = false;
+
     bool operator==(const OverlayDrawing&) const = default;
 };
 

@@ -40,10 +40,12 @@ std::string prettyNameFrom(const std::filesystem::path& file) {
     return {};
 }
 
-const char* const kTerminals[] = {"xterm",       "urxvt",          "gnome-terminal", "konsole",    "kitty",
-                                  "alacritty",   "wezterm",        "foot",           "terminator", "tilix",
-                                  "xfce4-terminal", "mate-terminal", "lxterminal",   "qterminal",  "st",
-                                  "termite",     "ghostty"};
+// Window classes of terminal emulators, lower case. Each has its paste route in text/TerminalPasteRoutes.cpp.
+const char* const kTerminals[] = {"xterm",      "urxvt",       "gnome-terminal", "konsole",       "kitty",
+                                  "alacritty",  "wezterm",     "foot",           "terminator",    "tilix",
+                                  "xfce4-terminal", "mate-terminal", "lxterminal", "qterminal",  "st",
+                                  "termite",    "ghostty",     "uxterm",         "mlterm",        "st-256color",
+                                  "sakura",     "kgx"};
 
 std::string lower(std::string_view text) {
     std::string out(text);

@@ -7,6 +7,8 @@
 #include <ctime>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
+#include <string>
 
 #include "base/Log.h"
 #include "store/AtomicFile.h"
@@ -17,6 +19,9 @@ namespace fs = std::filesystem;
 JsonFileSettingsStore::JsonFileSettingsStore(fs::path path) : path_(std::move(path)) { load(); }
 
 namespace {
+
+// Levels of nesting a settings file may have: its deepest values (lists of objects) use three.
+constexpr int kMaxDepth = 64;
 
 std::string timestampSuffix() {
     std::time_t now = std::time(nullptr);
@@ -52,7 +57,14 @@ void JsonFileSettingsStore::load() {
 
     std::string reason;
     try {
-        auto parsed = nlohmann::json::parse(buffer.str());
+        // No setting is nested more than a few levels; a deeper file is damaged or hostile, and copying or
+        // writing such a tree would recurse once per level until the stack runs out.
+        auto parsed = nlohmann::json::parse(buffer.str(), [](int depth, nlohmann::json::parse_event_t,
+                                                             nlohmann::json&) {
+            if (depth > kMaxDepth)
+                throw std::runtime_error("nested deeper than " + std::to_string(kMaxDepth) + " levels");
+            return true;
+        });
         if (parsed.is_object()) {
             std::lock_guard lock(mutex_);
             for (auto it = parsed.begin(); it != parsed.end(); ++it) values_.insert_or_assign(it.key(), it.value());

@@ -88,6 +88,7 @@ constexpr const char* AppleLanguages = "AppleLanguages";
 constexpr const char* apiBaseURL = "apiBaseURL";
 constexpr const char* aiServiceURL = "aiServiceURL";
 constexpr const char* aiServiceModel = "aiServiceModel";
+constexpr const char* updateFeedURL = "updateFeedURL";
 } // namespace K
 
 constexpr const char* kAiServiceKeyFileName = "ai-service-key";
@@ -149,6 +150,7 @@ const std::vector<SettingDescription>& Settings::catalogue() {
         {K::apiBaseURL, T::string, false, "account API base URL, or \"embedded\""},
         {K::aiServiceURL, T::string, false, "OpenAI-compatible AI service of the embedded server (\"\": a local one)"},
         {K::aiServiceModel, T::string, false, "model of that AI service (\"\": its first)"},
+        {K::updateFeedURL, T::string, false, "update feed (appcast) URL; \"\": no update checks"},
     };
     return list;
 }
@@ -322,6 +324,7 @@ json Settings::defaultValue(std::string_view key) const {
         {K::apiBaseURL, "embedded"},
         {K::aiServiceURL, ""},
         {K::aiServiceModel, ""},
+        {K::updateFeedURL, "https://updates.sprelio.com/linux/appcast.xml"},
     };
     if (auto it = fixed.find(key); it != fixed.end()) return it->second;
     if (key == K::saveRecordingsFolder) return constants_.recordingsFolder().string();
@@ -557,6 +560,7 @@ SPR_INT(lastKnownBuild, LastKnownBuild)
 SPR_STRING(apiBaseURL, ApiBaseURL)
 SPR_STRING(aiServiceURL, AiServiceURL)
 SPR_STRING(aiServiceModel, AiServiceModel)
+SPR_STRING(updateFeedURL, UpdateFeedURL)
 SPR_STRING_ARRAY(AppleLanguages, AppleLanguages)
 SPR_INT(overlaySize, OverlaySize)
 SPR_BOOL(floatingButtonActivation, FloatingButtonActivation)

@@ -149,6 +149,8 @@ public:
     void setAiServiceURL(std::string value);
     std::string aiServiceModel() const;               // "" (the service's first model)
     void setAiServiceModel(std::string value);
+    std::string updateFeedURL() const;                // the project's appcast; "" turns update checks off
+    void setUpdateFeedURL(std::string value);
 
     // ---- The AI service's key: a file of its own, never a setting ----
     // <configHome>/Sprelio/ai-service-key, next to the settings file.

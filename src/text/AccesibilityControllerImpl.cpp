@@ -4,9 +4,11 @@
 #include "input/KeyCodes.h"
 #include "store/AppConstants.h"
 #include "store/Settings.h"
+#include "shared/Errors.h"
 #include "text/ClipboardHelper.h"
 #include "text/FrontmostAppInfo.h"
 #include "text/SyntheticKeystrokes.h"
+#include "text/TerminalPasteRoutes.h"
 
 namespace sprelio {
 
@@ -28,7 +30,8 @@ AccesibilityControllerImpl::AccesibilityControllerImpl(AccesibilityControllerDep
 AccesibilityControllerImpl::~AccesibilityControllerImpl() { lifetime_.expire(); }
 
 void AccesibilityControllerImpl::injectTextViaPaste(const std::string& text, std::optional<pid_t> pid) {
-    const bool direct = FrontmostAppClassifier::shouldUseKeyboardInjection(deps_.workspace, true);
+    const bool direct =
+        FrontmostAppClassifier::shouldUseKeyboardInjection(deps_.workspace, true) || frontmostTerminalTakesTyping();
     logInfo(std::string("injectTextViaPaste() - using ") +
             (direct ? "Direct Keyboard Injection" : "Clipboard Injection + CMD+V"));
     if (direct) {
@@ -73,7 +76,35 @@ void AccesibilityControllerImpl::postPasteKeystroke(const std::optional<std::str
     const std::uint16_t keyCode = endsWithCommandMark(deps_.keyboardLayout.currentLayoutLocalizedName()) ? kKeyV : vKey;
     const std::uint64_t flags = matchStyle ? kPasteAndMatchStyleFlags : kPasteFlags;
     postKeyEventsReleasingHeldModifiers(deps_.keyboard, {{keyCode, true, flags}, {keyCode, false, flags}});
+    if (const auto terminal = terminalPasteRule(name.value_or("")); terminal && !terminal->confirmed) {
+        keepTextOnClipboard(*name);
+        return;
+    }
     finishPaste(originalContent, text);
+}
+
+bool AccesibilityControllerImpl::frontmostTerminalTakesTyping() const {
+    const auto front = deps_.workspace.frontmostApplication();
+    if (!front || !front->localizedName) return false;
+    const auto terminal = terminalPasteRule(*front->localizedName);
+    if (!terminal || terminal->route != TerminalPasteRoute::typing) return false;
+    logInfo("injectTextViaPaste() - target app '" + *front->localizedName +
+            "' is a terminal without a clipboard paste key by default - typing the text");
+    return true;
+}
+
+// The paste key of a terminal that was never tried may do nothing at all, and nothing tells whether the text
+// arrived: the text stays where the user can paste it by hand.
+void AccesibilityControllerImpl::keepTextOnClipboard(const std::string& applicationName) {
+    logWarning("injectTextViaPaste() - target app '" + applicationName +
+               "' is a terminal whose paste key is not confirmed - the text stays on the clipboard");
+    if (!messages_) return;
+    messages_->showAlertForError(
+        SPRStringError::errorMessageError("Text left on the clipboard",
+                                          messages_->appName() + " could not confirm that " + applicationName +
+                                              " received the dictated text. It is on the clipboard: paste it "
+                                              "with Ctrl+Shift+V.")
+            .toError());
 }
 
 void AccesibilityControllerImpl::sendRemotePaste(std::uint16_t vKey, std::optional<std::string> originalContent,

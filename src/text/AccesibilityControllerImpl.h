@@ -4,8 +4,9 @@
 // clipboard text put back a moment later ("Clipboard Injection + CMD+V"). The route is the classifier's answer at
 // the moment of delivery.
 //
-// The paste keystroke is Control+V (Control+Shift+V for the terminal emulators, which paste so), with V found in the
-// current layout. A remote desktop client gets Control as a key of its own around V, with pauses, so that the
+// The paste keystroke is Control+V, with V found in the current layout. Terminal emulators take Control+V as a key
+// for the program inside: each gets the route its own program takes (text/TerminalPasteRoutes.h), Control+Shift+V
+// or typing; a paste into a terminal whose route was never tried leaves the text on the clipboard and says so. A remote desktop client gets Control as a key of its own around V, with pauses, so that the
 // remote machine sees a real Control+V. The pauses and the restore are loop timers; nothing waits on the loop.
 #include <cstdint>
 #include <memory>
@@ -22,6 +23,7 @@
 namespace sprelio {
 
 class ClipboardHelper;
+class ErrorPresenter;
 class KeyCodes;
 namespace store {
 class AppConstants;
@@ -64,12 +66,17 @@ public:
     void postPasteKeystroke(const std::optional<std::string>& originalContent, const std::string& text);
     // The user's text goes back on the clipboard after kRestoreDelay; nothing cancels it.
     void restoreOriginalContent(const std::string& originalContent, bool forceRestore);
+    // Where the user is told of a delivery that could not be confirmed; none until the desktop's messages exist.
+    void setMessages(ErrorPresenter* messages) { messages_ = messages; }
 
 private:
+    bool frontmostTerminalTakesTyping() const;
+    void keepTextOnClipboard(const std::string& applicationName);
     void sendRemotePaste(std::uint16_t vKey, std::optional<std::string> originalContent, std::string text);
     void finishPaste(const std::optional<std::string>& originalContent, const std::string& text);
 
     AccesibilityControllerDependencies deps_;
+    ErrorPresenter* messages_ = nullptr;
     LifetimeGuard lifetime_;
 };
 

@@ -1,4 +1,5 @@
 #include "ui/AIActionsList.h"
+#include "input/KeyNames.h"
 
 #include <map>
 
@@ -14,8 +15,9 @@ std::vector<AIActionRow> aiActionRows(const IntelligenceViewModelImpl& catalogue
     for (const auto& shortcut : store::getUserShortcuts(context, true, true)) {
         const auto itemId = shortcut->intelligenceActionItemIdString();
         if (!itemId) continue;
-        const std::string keys = shortcutDisplayString(shortcut->singleModifierDirection(),
-                                                       shortcut->mouseEventMouseButton(), shortcut->shortcutString());
+        const std::string keys =
+            linuxShortcutName(shortcut->singleModifierDirection(), shortcut->modifierEventKeyCode(),
+                              shortcut->mouseEventMouseButton(), shortcut->shortcutString());
         if (!keys.empty()) keysByItem[*itemId].push_back(keys);
     }
     std::vector<AIActionRow> rows;

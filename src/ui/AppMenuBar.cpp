@@ -1,4 +1,5 @@
 #include "ui/AppMenuBar.h"
+#include "input/KeyNames.h"
 
 #include <algorithm>
 
@@ -21,6 +22,7 @@ std::string_view menuOptionName(MenuOption::Kind kind) {
     case MenuOption::Kind::substitutions: return "substitutions";
     case MenuOption::Kind::fileToText: return "fileToText";
     case MenuOption::Kind::cancel: return "cancel";
+    case MenuOption::Kind::account: return "account";
     }
     return "settings";
 }
@@ -49,6 +51,8 @@ void AppMenuBar::awakeFromNib() {
     const MenuEntry separator;
     entries_.clear();
     entries_.push_back(plain(MenuItemId::settings, kSettingsTitle));
+    // Signing in is reached from here as well as from the Main tab.
+    if (deps_.accountTitle) entries_.push_back(plain(MenuItemId::account, deps_.accountTitle()));
     entries_.push_back(separator);
     entries_.push_back(plain(MenuItemId::history, kHistoryTitle));
     entries_.push_back(plain(MenuItemId::ai, kIntelligenceTitle));
@@ -106,8 +110,9 @@ void AppMenuBar::menuWillOpen() {
     const auto keyText = [this](ShortcutAction action) {
         const auto shortcut = primaryShortcutForShortcutAction(action);
         if (!shortcut) return std::string();
-        return shortcutDisplayString(shortcut->singleModifierDirection(), shortcut->mouseEventMouseButton(),
-                                     shortcut->shortcutString());
+        // The tray is read by the user: Linux key names ("Alt+H", "Right Alt", "Button 8").
+        return linuxShortcutName(shortcut->singleModifierDirection(), shortcut->modifierEventKeyCode(),
+                                 shortcut->mouseEventMouseButton(), shortcut->shortcutString());
     };
     const struct {
         MenuItemId id;
@@ -119,6 +124,8 @@ void AppMenuBar::menuWillOpen() {
                  {MenuItemId::fileToText, kFileToTextTitle, ShortcutAction::showFileToText}};
     for (const auto& k : keyed)
         if (auto* e = mutableEntry(k.id)) e->title = composeMenuTitle(std::string(k.title), keyText(k.action));
+    if (auto* account = mutableEntry(MenuItemId::account); account && deps_.accountTitle)
+        account->title.title = deps_.accountTitle();
 
     updateMics();
 }
@@ -188,6 +195,11 @@ void AppMenuBar::didClickCancel() {
     send(MenuOption::of(MenuOption::Kind::cancel));
 }
 
+void AppMenuBar::didClickAccount() {
+    logInfo("AppMenuBar.didClickAccount()");
+    send(MenuOption::of(MenuOption::Kind::account));
+}
+
 void AppMenuBar::userSelectedMic(int tag) {
     logInfo("AppMenuBar.userSelectedMic()");
     if (tag < 0 || static_cast<std::size_t>(tag) >= menuMics_.size()) {
@@ -206,6 +218,7 @@ void AppMenuBar::activate(MenuItemId id) {
     case MenuItemId::fileToText: didClickFileToText(); break;
     case MenuItemId::quit: didClickQuitApp(); break;
     case MenuItemId::cancel: didClickCancel(); break;
+    case MenuItemId::account: didClickAccount(); break;
     case MenuItemId::microphone:
     case MenuItemId::separator: break;
     }
@@ -254,6 +267,9 @@ std::function<void(const MenuOption&)> setupMenuActionHandling(MenuActionTargets
         case Kind::ai: open(ContentViewTab::ai); break;
         case Kind::substitutions: open(ContentViewTab::substitutions); break;
         case Kind::fileToText: open(ContentViewTab::files); break;
+        case Kind::account:
+            if (targets.openAccount) targets.openAccount();
+            break;
         // The microphone choice lives with the other settings.
         case Kind::settings:
         case Kind::chooseMic: open(ContentViewTab::settings); break;

@@ -26,7 +26,7 @@ class UserShortcut;
 
 // What the menu asks the application to do.
 struct MenuOption {
-    enum class Kind { changeMic, settings, chooseMic, quit, history, ai, substitutions, fileToText, cancel };
+    enum class Kind { changeMic, settings, chooseMic, quit, history, ai, substitutions, fileToText, cancel, account };
     Kind kind = Kind::settings;
     MicDevice mic; // changeMic only
 
@@ -35,7 +35,7 @@ struct MenuOption {
 };
 std::string_view menuOptionName(MenuOption::Kind kind);
 
-enum class MenuItemId { settings, history, ai, substitutions, fileToText, microphone, quit, cancel, separator };
+enum class MenuItemId { settings, history, ai, substitutions, fileToText, microphone, quit, cancel, separator, account };
 
 struct MicMenuEntry {
     std::string title; // "<name> (<transport>)"
@@ -64,6 +64,8 @@ public:
         store::Settings& settings;
         MicrophoneManagerImpl& microphones;
         std::function<AppActivity()> appStatus;
+        // The account entry's title ("Sign In…", or the address signed in); none: the menu has no account entry.
+        std::function<std::string()> accountTitle = {};
     };
 
     explicit AppMenuBar(Dependencies deps);
@@ -91,6 +93,7 @@ public:
     void didClickFileToText();
     void didClickQuitApp();
     void didClickCancel();
+    void didClickAccount();
     void userSelectedMic(int tag);
     // The action of an entry by its id; separators and the microphone entry do nothing.
     void activate(MenuItemId id);
@@ -136,6 +139,8 @@ struct MenuActionTargets {
     std::function<void()> quit;
     // Opens the main window on a tab.
     std::function<void(ContentViewTab)> openTab;
+    // Opens the sign-in window.
+    std::function<void()> openAccount = {};
 };
 
 // The callback that the application gives the menu at launch.

@@ -71,7 +71,11 @@ void MessageCenter::showAlertForError(std::optional<Error> error, std::optional<
         toast.statusCode = statusCode;
         toast.showNeverShowAgain = showNeverShowAgain;
         toast.warningLevel = SPRToastViewWarningLevel::error;
-        if (description.find("Unauthorized") != std::string::npos) {
+        // The account server names the refusal "Unauthorized" and words its message for people; either marks it.
+        const auto title = err.userInfo.find("title");
+        const bool unauthorized = description.find("Unauthorized") != std::string::npos ||
+                                  (title != err.userInfo.end() && title->second == "Unauthorized");
+        if (unauthorized) {
             toast.tapActionText = "Log Out";
             toast.tapAction = [this]() {
                 removeSPRToast();

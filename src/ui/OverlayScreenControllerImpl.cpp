@@ -343,9 +343,10 @@ void OverlayScreenControllerImpl::placeOverlay(OverlayType type, bool force) {
             *OverlayPlacement::positionOnScreen(OverlayPosition::screenBottomRight, frame, size, std::nullopt));
     }
 
-    // Centre keeping: an overlay of another size replaces the last one around the same centre.
+    // Centre keeping: an overlay of another size replaces the last one around the same centre. Continuous speech
+    // keeps its corner: the last centre is the floating button's, which would pull it back into the middle.
     const auto lastType = deps_.host.lastShownOverlayType ? deps_.host.lastShownOverlayType() : std::nullopt;
-    if (!buttonAtDraggedPoint && lastType == type && !(lastOverlayCenter_ == platform::Point{}) &&
+    if (!buttonAtDraggedPoint && status != AppActivity::continuousSpeechActive && lastType == type && !(lastOverlayCenter_ == platform::Point{}) &&
         lastOverlaySize_ != static_cast<int>(size)) {
         position = {lastOverlayCenter_.x - size / 2 - inset, lastOverlayCenter_.y - size / 2 - inset};
     }

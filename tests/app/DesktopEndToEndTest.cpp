@@ -78,8 +78,8 @@ protected:
             << app->output() << "\n" << app->log();
     }
     // Our application takes the front, as the window manager sees it.
-    void bringClientForward() {
-        client = std::make_unique<TestClient>(server, TestClient::Options{});
+    void bringClientForward(TestClient::Options options = {}) {
+        client = std::make_unique<TestClient>(server, std::move(options));
         ASSERT_TRUE(client->waitUntilFocused()) << client->describe();
         ASSERT_TRUE(x11test::waitFor([&] { return activePid() == client->pid(); }, 10000ms));
     }
@@ -291,6 +291,64 @@ TEST_F(DesktopEndToEnd, OfflineTheKeySaysSoAndSprelioIsIdleAgain) {
     ASSERT_TRUE(app->waitForCount("- error: networkError", 2));
     EXPECT_TRUE(client->text().empty());
     EXPECT_TRUE(history().empty());
+}
+
+// The AI shortcuts of the default set, each through the user's chat service: the one on a selection (Alt+Shift+S
+// copies it, asks, and pastes the answer over it) and the translation of a dictation (Alt+T, into Spanish).
+class DesktopAiShortcuts : public DesktopEndToEnd {
+protected:
+    void SetUp() override {
+        DesktopEndToEnd::SetUp();
+        if (HasFatalFailure()) return;
+        chat.onChat([this](const httplib::Request&, httplib::Response& response) {
+            server::test::ScriptedOpenAiService::chatAnswer(response, answer);
+        });
+        apptest::storeAiService(home.path(), chat.url(), "chat-test");
+    }
+    std::string answer;
+    server::test::ScriptedOpenAiService chat;
+};
+
+// A chat service on loopback answers within milliseconds, while the S of the hotkey is still down and its grab still
+// sends every key to Sprelio: the paste must wait for the key to come up.
+TEST_F(DesktopAiShortcuts, AltShiftSReplacesTheSelectionWithTheAnswer) {
+    answer = "the quick brown fox 🦊";
+    launch(); // the default set
+    TestClient::Options options;
+    options.primary = "the quick brown fox";
+    bringClientForward(options);
+    copyByAnotherProgram("what the user had copied");
+
+    ASSERT_TRUE(server.run("xdotool key alt+shift+s"));
+    ASSERT_TRUE(x11test::waitFor([&] { return client->text().find("🦊") != std::string::npos; }, 30000ms))
+        << "the test application shows: " << client->text() << "\n" << ::testing::PrintToString(client->keyLines());
+    EXPECT_EQ(client->text(), "the quick brown fox 🦊") << "pasted once, over the selection";
+    ASSERT_EQ(chat.chats().size(), 1u);
+    EXPECT_NE(chat.chats()[0].message("user").find("the quick brown fox"), std::string::npos)
+        << "the selection is what the service works on: " << chat.chats()[0].message("user");
+    EXPECT_TRUE(x11test::waitFor([&] { return clipboard() == "what the user had copied"; }, 10000ms)) << clipboard();
+    EXPECT_EQ(activePid(), client->pid());
+}
+
+TEST_F(DesktopAiShortcuts, AltTTranslatesADictationIntoSpanish) {
+    answer = "Hola, esto es una prueba de dictado";
+    launch();
+    bringClientForward();
+    ASSERT_TRUE(server.run("xdotool key alt+t"));
+    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << "the recording did not start";
+    speak();
+    ASSERT_TRUE(server.run("xdotool key alt+t"));
+    ASSERT_TRUE(x11test::waitFor([&] { return client->text().find("Hola") != std::string::npos; }, 30000ms))
+        << "the test application shows: " << client->text() << "\n" << app->log();
+    EXPECT_EQ(client->text(), answer) << "the translation alone, once";
+    EXPECT_EQ(chat.chats().size(), 1u);
+    // The session is idle again: the plain dictation key works.
+    tap();
+    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 2));
+    speak();
+    tap();
+    ASSERT_TRUE(x11test::waitFor([&] { return client->text().size() > answer.size() + 10; }, 30000ms))
+        << client->text();
 }
 
 } // namespace

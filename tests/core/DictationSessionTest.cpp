@@ -814,6 +814,7 @@ TEST_F(DictationSession, RestartingTheLimitReplacesTheOldTimer) {
 // ---- Overlays and focus ----
 
 TEST_F(DictationSession, TheServersAIStepSwapsTheOverlayInPlaceAndItsEndClearsIt) {
+    h.app.setAppStatus(AppActivity::processing);
     h.app.aiStepStarted();
     ASSERT_EQ(h.overlay.placed.size(), 1u);
     EXPECT_EQ(h.overlay.placed.back(), std::make_pair(OverlayType::intelligizing, true));
@@ -821,6 +822,13 @@ TEST_F(DictationSession, TheServersAIStepSwapsTheOverlayInPlaceAndItsEndClearsIt
     h.app.aiStepEnded();
     EXPECT_EQ(h.overlay.clears, 2);
     EXPECT_EQ(h.overlay.placed.size(), 1u);
+    // Once the dictation is back at idle (the floating button shows) or a new one records, the end of the AI step
+    // leaves their overlay alone.
+    for (const AppActivity later : {AppActivity::idle, AppActivity::recording}) {
+        h.app.setAppStatus(later);
+        h.app.aiStepEnded();
+        EXPECT_EQ(h.overlay.clears, 2) << appActivityName(later);
+    }
 }
 
 TEST_F(DictationSession, FocusIsCapturedAtEachOverlayAndGivenBackAtTheNext) {

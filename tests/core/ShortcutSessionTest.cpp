@@ -4,7 +4,6 @@
 
 #include "SessionFakes.h"
 #include "ai/IntelligenceItems.h"
-#include "audio/ContinuousSpeechUnavailable.h"
 #include "core/AppShortcutSession.h"
 #include "shared/SessionShortcutBuilder.h"
 #include "platform/test/TemporaryFolder.h"
@@ -246,24 +245,6 @@ TEST(ContinuousVoiceToText, StartsFromIdleAndForcesAnyOtherStateBackToIdle) {
     h.run();
     EXPECT_EQ(h.app.appStatus(), AppActivity::idle);
     EXPECT_EQ(h.recorder().stopCalls, 0);
-}
-
-TEST(ContinuousVoiceToText, WhileTheModeIsMissingThePressSaysSoAndTheSessionIsIdleAgain) {
-    SessionHarness h;
-    platform::test::TemporaryFolder folder{"sprelio-continuous"};
-    store::PersistenceController persistence{folder.path()};
-    std::unique_ptr<AppShortcutSession> session;
-    ContinuousSpeechUnavailable unavailable(h.tp.loop(), h.messages, [&] { session->continuousVoiceToText(); });
-    session = std::make_unique<AppShortcutSession>(AppShortcutSessionDependencies{
-        h.tp.loop(), h.appState, h.settings, persistence.container().viewContext(), h.messages, h.intelligence,
-        unavailable, h.history, ClipboardAccess{}, [&] { return &h.app; }, {}, {}, {}});
-    session->continuousVoiceToText();
-    EXPECT_EQ(h.app.appStatus(), AppActivity::continuousSpeechActive);
-    h.run();
-    EXPECT_EQ(h.app.appStatus(), AppActivity::idle) << "no mode that records nothing";
-    ASSERT_FALSE(h.toasts.shown.empty());
-    EXPECT_EQ(h.toasts.shown.back().toast.messageText, ContinuousSpeechUnavailable::kMessage);
-    EXPECT_FALSE(unavailable.isActive());
 }
 
 TEST(ShowActions, OpenTheirTabInEveryStateWithoutChangingIt) {

@@ -227,7 +227,7 @@ TEST_F(DesktopStatusMenu, MenuShowsTheModelEachTimeItOpensAndClicksGoBackToIt) {
     settings_.setUserSelectedMicDeviceName("Built-in Microphone");
     ASSERT_TRUE(openMenu());
     using enum MenuItemId;
-    EXPECT_EQ(item_->action(history)->text().toStdString(), "History\t⌥H");
+    EXPECT_EQ(item_->action(history)->text().toStdString(), "History\tAlt+H");
     EXPECT_EQ(item_->action(substitutions)->text().toStdString(), "Substitutions");
     EXPECT_FALSE(item_->action(cancel)->isVisible());
     EXPECT_TRUE(item_->action(quit)->isVisible());
@@ -243,7 +243,7 @@ TEST_F(DesktopStatusMenu, MenuShowsTheModelEachTimeItOpensAndClicksGoBackToIt) {
     ASSERT_TRUE(processUntil([&] { return !options_.empty(); }));
     EXPECT_EQ(options_[0].kind, MenuOption::Kind::history);
     EXPECT_TRUE(processUntil([&] { return !item_->menu()->isVisible(); }));
-    EXPECT_TRUE(logs_.contains("AppMenuBar.menu() - willHighlight: History ⌥H"));
+    EXPECT_TRUE(logs_.contains("AppMenuBar.menu() - willHighlight: History Alt+H"));
     EXPECT_TRUE(processUntil([&] { return logs_.contains("AppMenuBar.menuDidClose()"); }));
 
     // While recording: Cancel appears, the device list stays as it was although a device arrived.

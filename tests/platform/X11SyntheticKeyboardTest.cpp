@@ -150,6 +150,30 @@ TEST_F(X11SyntheticKeyboardTest, CapsLockDoesNotChangeTheTextAndStaysOn) {
     EXPECT_TRUE(state.locked_mods & LockMask);
 }
 
+// The key of a hotkey is still down when its action pastes: its passive grab sends every key event to Sprelio until
+// the key comes up, so the paste waits for the user to let go (a local AI item answers within milliseconds).
+TEST_F(X11SyntheticKeyboardTest, EventsWaitUntilTheUserLetsGoOfAKey) {
+    TestClient client(server, {});
+    ASSERT_TRUE(client.waitUntilFocused()) << client.describe();
+    Display* user = XOpenDisplay(server.name().c_str());
+    const KeyCode f5 = XKeysymToKeycode(user, XK_F5);
+    XTestFakeKeyEvent(user, f5, True, CurrentTime);
+    XSync(user, False);
+    keyboard->typeText("abc");
+    EXPECT_FALSE(keyboard->waitUntilSent(300ms)) << "typed while the key was down";
+    XTestFakeKeyEvent(user, f5, False, CurrentTime);
+    XSync(user, False);
+    XCloseDisplay(user);
+    ASSERT_TRUE(client.waitForText("abc")) << client.text();
+    const auto lines = client.keyLines();
+    const auto released = std::find_if(lines.begin(), lines.end(),
+                                       [](const std::string& l) { return l.rfind("release", 0) == 0 && l.find("F5") != std::string::npos; });
+    const auto typed = std::find_if(lines.begin(), lines.end(),
+                                    [](const std::string& l) { return l.rfind("press", 0) == 0 && l.find(" a ") != std::string::npos; });
+    ASSERT_NE(released, lines.end()) << ::testing::PrintToString(lines);
+    EXPECT_LT(released - lines.begin(), typed - lines.begin()) << ::testing::PrintToString(lines);
+}
+
 TEST_F(X11SyntheticKeyboardTest, FlaggedModifiersAreHeldAroundTheirEventsOnly) {
     TestClient client(server, {});
     ASSERT_TRUE(client.waitUntilFocused()) << client.describe();

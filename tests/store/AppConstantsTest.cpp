@@ -78,9 +78,9 @@ TEST(AppConstants, TerminalsPreferPasteAndMatchStyle) {
     AppConstants c(p, storetest::fixedEnvironment());
     for (const char* name : {"xterm", "urxvt", "gnome-terminal", "konsole", "kitty", "alacritty", "wezterm", "foot",
                              "terminator", "tilix", "xfce4-terminal", "mate-terminal", "lxterminal", "qterminal", "st",
-                             "termite", "ghostty"})
+                             "termite", "ghostty", "uxterm", "mlterm", "st-256color", "sakura", "kgx"})
         EXPECT_TRUE(c.appsThatPreferPasteAndMatchStyle().count(name)) << name;
-    EXPECT_EQ(c.appsThatPreferPasteAndMatchStyle().size(), 17u);
+    EXPECT_EQ(c.appsThatPreferPasteAndMatchStyle().size(), 22u);
     EXPECT_TRUE(c.prefersPasteAndMatchStyle("Konsole"));
     EXPECT_TRUE(c.prefersPasteAndMatchStyle("XTerm"));
     EXPECT_FALSE(c.prefersPasteAndMatchStyle("firefox"));

@@ -92,9 +92,16 @@ TEST(JsonFileSettingsStore, AnExistingFileWithAWiderModeIsNarrowedTo0600) {
     EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
+// Nested deeper than any setting is; found by fuzz_settings_file: copying and writing such a tree recursed once per
+// level and overflowed the stack, so every command crashed on it.
+std::string deeplyNested(int levels) {
+    return "{\"soundEnabled\": true, \"a\": " + std::string(levels, '[') + std::string(levels, ']') + "}";
+}
+
 TEST(JsonFileSettingsStore, ACorruptFileIsMovedAsideKeptByteForByteAndDefaultsApply) {
     for (std::string corrupt : {std::string("{\"soundEnabled\": tru"), std::string("[1,2,3]"), std::string("\"text\""),
-                                std::string("\x00\xff\xfe garbage", 12), std::string("")}) {
+                                std::string("\x00\xff\xfe garbage", 12), std::string(""), deeplyNested(65),
+                                deeplyNested(200000)}) {
         platform::test::TestPlatform p;
         RecordingLogSink sink;
         auto path = settingsPath(p);
@@ -119,7 +126,7 @@ TEST(JsonFileSettingsStore, ACorruptFileIsMovedAsideKeptByteForByteAndDefaultsAp
                                        " is not a valid JSON object (", 0) == 0 &&
                 line.message.find("moved it aside to " + store.movedAsideTo().string()) != std::string::npos)
                 logged = true;
-        EXPECT_TRUE(logged) << "for content \"" << corrupt << "\"";
+        EXPECT_TRUE(logged) << "for content \"" << corrupt.substr(0, 80) << "\"";
 
         // A new write works and leaves the kept file alone.
         settings.setSoundEnabled(true);

@@ -72,6 +72,7 @@ TEST(SettingsDefaults, EveryKeyOfTheCatalogueReadsItsDocumentedDefaultFromAnEmpt
         {"apiBaseURL", "embedded"},
         {"aiServiceURL", ""},
         {"aiServiceModel", ""},
+        {"updateFeedURL", "https://updates.sprelio.com/linux/appcast.xml"},
     };
     std::set<std::string> listed;
     for (const auto& [key, value] : expected) {
@@ -144,6 +145,7 @@ TEST(SettingsDefaults, TypedGettersReturnTheDocumentedDefaults) {
     EXPECT_EQ(s.apiBaseURL(), "embedded");
     EXPECT_EQ(s.aiServiceURL(), "");
     EXPECT_EQ(s.aiServiceModel(), "");
+    EXPECT_EQ(s.updateFeedURL(), "https://updates.sprelio.com/linux/appcast.xml");
     EXPECT_FALSE(s.aiServiceKey());
 }
 

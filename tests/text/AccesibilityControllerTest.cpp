@@ -63,12 +63,12 @@ TEST(AccesibilityController, ASecondPasteWithinTheDelaySavesTheFirstTextAndTheLa
 
 TEST(AccesibilityController, TerminalsGetControlShiftVAndAClipboardWithoutTextComesBackEmpty) {
     TextDelivery t;
-    t.tp.frontmost = application("XTerm", std::string("XTerm"));
+    t.tp.frontmost = application("xfce4-terminal", std::string("Xfce4-terminal"));
     t.clipboard.text.reset(); // an image or files: no text to keep
     t.controller.injectTextViaPaste("ls -la", std::nullopt);
     t.tp.runUntilIdle();
     EXPECT_EQ(t.keyboard.log(), (std::vector<std::string>{"down:9:0x60000", "up:9:0x60000"}));
-    EXPECT_TRUE(t.log.contains("injectTextViaPaste() - target app 'XTerm' is listed in "
+    EXPECT_TRUE(t.log.contains("injectTextViaPaste() - target app 'Xfce4-terminal' is listed in "
                                "Constants.appsThatPreferPasteAndMatchStyle - using special 'Paste and Match Style' "
                                "-> Shift + Command + V"));
     t.tp.advance(1500ms);

@@ -165,7 +165,7 @@ TEST_F(TextDeliveryX11Test, PastedTextArrivesUnderEveryLayoutAndTheUsersClipboar
 
 TEST_F(TextDeliveryX11Test, TerminalGetsControlShiftVAndAJavaApplicationGetsTheTextTyped) {
     {
-        TestClient terminal(server, named("XTerm", true));
+        TestClient terminal(server, named("Xfce4-terminal", true));
         ASSERT_TRUE(inFront(terminal)) << terminal.describe();
         std::string expected;
         pasteAndCheck(terminal, expected, "echo 'grüße 日本'", "terminal");

@@ -104,12 +104,13 @@ TEST_F(AppMenuBarTest, ShowEntriesCarryTheDisplayFormOfTheFirstShortcutOfTheirAc
 
     menu->menuWillOpen();
     const auto key = [&](MenuItemId id) { return menu->entry(id)->title.shortcut; };
-    EXPECT_EQ(key(MenuItemId::history), "⌥H");
-    EXPECT_EQ(key(MenuItemId::ai), "⌘I");
-    EXPECT_EQ(key(MenuItemId::substitutions), "Right-⌥");
-    EXPECT_EQ(key(MenuItemId::fileToText), "Mouse 3");
+    // In the names a Linux user reads; the store keeps its own symbols.
+    EXPECT_EQ(key(MenuItemId::history), "Alt+H");
+    EXPECT_EQ(key(MenuItemId::ai), "Super+I");
+    EXPECT_EQ(key(MenuItemId::substitutions), "Right Alt");
+    EXPECT_EQ(key(MenuItemId::fileToText), "Button 8");
     EXPECT_EQ(menu->entry(MenuItemId::history)->title.title, "History");
-    EXPECT_TRUE(logs.contains("AppMenuBar.composeMenuTitle() - titleString: History / shortcutString: ⌥H"));
+    EXPECT_TRUE(logs.contains("AppMenuBar.composeMenuTitle() - titleString: History / shortcutString: Alt+H"));
     ASSERT_TRUE(menu->userShortcuts().has_value());
     EXPECT_EQ(menu->userShortcuts()->size(), 6u);
 

@@ -235,6 +235,25 @@ TEST(OverlayScreenController, ContinuousSpeechForcesTheBottomRightOfTheFocusedSc
                              "(3068, 20) on screen 'Right'"));
 }
 
+// A recording overlay of another size shown before (a dictation, the floating button's ring) must not pull the
+// continuous overlay back around its centre.
+TEST(OverlayScreenController, ContinuousSpeechKeepsItsCornerAfterAnOverlayOfAnotherSize) {
+    OverlayHarness h(twoScreens());
+    h.pointer.location = Point{2500, 500};
+    h.status = AppActivity::recording;
+    h.show(OverlayType::recording);
+    h.run();
+    const Rect before = h.panel("Right")->frameValue;
+    h.settings.setOverlaySize(h.settings.overlaySize() + 40);
+    h.status = AppActivity::continuousSpeechActive;
+    h.show(OverlayType::recording);
+    h.run();
+    const Rect after = h.panel("Right")->frameValue;
+    ASSERT_NE(after.width, before.width) << "the test needs overlays of two sizes";
+    EXPECT_EQ(after.x + after.width, 1920 + 1280 - 20);
+    EXPECT_EQ(after.y, 20);
+}
+
 TEST(OverlayScreenController, TheButtonStandsAtTheScreenCentreOrItsDraggedPointClampedToTheScreen) {
     RecordingLogSink log;
     OverlayHarness h;

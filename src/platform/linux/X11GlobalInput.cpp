@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "base/Log.h"
+#include "input/KeyNames.h"
 #include "platform/linux/X11Errors.h"
 #include "platform/linux/X11KeyTables.h"
 
@@ -38,18 +39,10 @@ constexpr std::uint64_t kFlagControl = 0x40000;
 constexpr std::uint64_t kFlagOption = 0x80000;
 constexpr std::uint64_t kFlagCommand = 0x100000;
 constexpr std::uint64_t kFlagFunction = 0x800000;
-// NSEvent button numbers against X buttons; 4 to 7 are the wheel.
-unsigned x11Button(std::int64_t buttonNumber) {
-    if (buttonNumber == 0) return 1;
-    if (buttonNumber == 1) return 3;
-    if (buttonNumber == 2) return 2;
-    return static_cast<unsigned>(buttonNumber + 5);
-}
+// NSEvent button numbers against X buttons, the numbers a user reads; 4 to 7 are the wheel and never get here.
+unsigned x11Button(std::int64_t buttonNumber) { return static_cast<unsigned>(linuxMouseButton(buttonNumber)); }
 std::int64_t nsButton(unsigned button) {
-    if (button == 1) return 0;
-    if (button == 3) return 1;
-    if (button == 2) return 2;
-    return static_cast<std::int64_t>(button) - 5;
+    return buttonNumberForLinuxMouseButton(static_cast<int>(button)).value_or(-1);
 }
 
 struct HotKey {

@@ -30,6 +30,8 @@ using Clock = std::chrono::steady_clock;
 // Events sent before Xlib's buffer is flushed and the server has caught up; keeps a long text from piling up
 // unread in the server while the focused client is still busy with the beginning.
 constexpr std::size_t kEventsPerSync = 512;
+// How long a synthetic keystroke waits for the user to let go of a key (the key of the hotkey that started it).
+constexpr std::chrono::milliseconds kKeyReleaseWait{1000};
 
 std::vector<char32_t> decodeUtf8(const std::string& text) {
     std::vector<char32_t> out;
@@ -448,8 +450,42 @@ struct X11SyntheticKeyboard::Impl final : x11::Connection::Client {
 
     // ---- Worker ----
 
+    // True while the user holds a key that is not a modifier. The key of a hotkey is one: while it is down, the
+    // passive grab that took it is still active and every key event goes to Sprelio, not to the application in
+    // front, so a paste sent then is lost. The key of a hotkey comes up within a moment; a key held longer than
+    // kKeyReleaseWait is the user's business and the events go anyway.
+    bool userHoldsAKeyLocked() {
+        char keys[32] = {};
+        XQueryKeymap(connection.display(), keys);
+        for (unsigned kc = 0; kc < 256; ++kc) {
+            if (!(keys[kc / 8] & (1 << (kc % 8))) || heldByUs.count(kc)) continue;
+            const auto it = tables.codeOfX11.find(kc);
+            if (it == tables.codeOfX11.end() || !x11::isModifierCode(it->second)) return true;
+        }
+        return false;
+    }
+
+    void waitForHeldKeysLocked(x11::Connection::Lock& lock) {
+        const auto deadline = Clock::now() + kKeyReleaseWait;
+        while (userHoldsAKeyLocked()) {
+            if (Clock::now() >= deadline) {
+                logWarning("X11SyntheticKeyboard - a key is still held after " +
+                           std::to_string(kKeyReleaseWait.count()) + " ms; sending the events anyway");
+                return;
+            }
+            lock.unlock();
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            lock.relock();
+        }
+    }
+
     void run(const Command& command) {
         if (!connection.isOpen() || !hasXTest) return;
+        {
+            auto lock = connection.lock();
+            refreshKeymapLocked();
+            waitForHeldKeysLocked(lock);
+        }
         std::optional<X11GlobalInput::InjectionScope> scope;
         if (observation) scope.emplace(*observation);
         auto lock = connection.lock();

@@ -16,8 +16,11 @@
 
 #include "base/Log.h"
 #include "platform/qt/AIPane.h"
+#include "platform/qt/FilesPane.h"
+#include "platform/qt/FloatingButtonPane.h"
 #include "platform/qt/HistoryPane.h"
 #include "platform/qt/MainWindowPanes.h"
+#include "platform/qt/ShortcutEditor.h"
 #include "platform/qt/QtScreens.h"
 #include "platform/qt/SendReportPane.h"
 #include "platform/qt/SubstitutionsPane.h"
@@ -116,40 +119,38 @@ MainWindow::MainWindow(MainWindowDependencies deps, QWidget* parent)
             if (deps_.history && deps_.maintenance) {
                 page = historyPane_ = new HistoryPane(*deps_.history, *deps_.maintenance, deps_.settings, pages_);
             } else {
-                page = new ComingSoonPane(QStringLiteral("History"),
-                                          QStringLiteral("The history is not available in this session."), pages_);
+                page = new UnavailablePane(QStringLiteral("History"),
+                                           QStringLiteral("The history is not available in this session."), pages_);
             }
             break;
         case ContentViewTab::about:
             page = new AboutPane(deps_.constants, deps_.revealInFileManager, pages_);
             break;
         case ContentViewTab::floatingButton:
-            page = new ComingSoonPane(QStringLiteral("Floating Button"),
-                                      QStringLiteral("Coming in a later version: the size and transparency of the "
-                                                     "floating record button, and the AI actions placed around it."),
-                                      pages_);
+            page = floatingButtonPane_ = new FloatingButtonPane(deps_.settings, pages_);
             break;
         case ContentViewTab::files:
-            page = new ComingSoonPane(QStringLiteral("Files"),
-                                      QStringLiteral("Coming in a later version: transcription of audio and video "
-                                                     "files, and of recordings of the microphone and of the "
-                                                     "computer's sound."),
-                                      pages_);
+            if (deps_.files) {
+                page = new FilesPane(*deps_.files, pages_);
+            } else {
+                page = new UnavailablePane(QStringLiteral("Files"),
+                                           QStringLiteral("Files can't be transcribed in this session."), pages_);
+            }
             break;
         case ContentViewTab::ai:
             if (deps_.presets) {
                 page = aiPane_ = new AIPane(*deps_.presets, deps_.settings, deps_.applyAiService, pages_);
             } else {
-                page = new ComingSoonPane(QStringLiteral("AI"),
-                                          QStringLiteral("The AI presets are not available in this session."), pages_);
+                page = new UnavailablePane(QStringLiteral("AI"),
+                                           QStringLiteral("The AI presets are not available in this session."), pages_);
             }
             break;
         case ContentViewTab::sendreport:
             if (deps_.report) {
                 page = sendReportPane_ = new SendReportPane(*deps_.report, pages_);
             } else {
-                page = new ComingSoonPane(QStringLiteral("Send Report"),
-                                          QStringLiteral("Reports can't be sent in this session."), pages_);
+                page = new UnavailablePane(QStringLiteral("Send Report"),
+                                           QStringLiteral("Reports can't be sent in this session."), pages_);
             }
             break;
         }
@@ -175,6 +176,16 @@ MainWindow::MainWindow(MainWindowDependencies deps, QWidget* parent)
 }
 
 MainWindow::~MainWindow() { banner_->onChange = nullptr; }
+
+ShortcutEditor* MainWindow::installShortcutEditor(ShortcutEditorDependencies editorDeps) {
+    shortcutEditor_ = new ShortcutEditor(std::move(editorDeps), settingsPane_);
+    settingsPane_->insertSection(shortcutEditor_);
+    mainPane_->setOpenShortcutEditor([this] {
+        deps_.appState.setSelectedContentViewTab(ContentViewTab::settings);
+        showTab(ContentViewTab::settings);
+    });
+    return shortcutEditor_;
+}
 
 QWidget* MainWindow::page(ContentViewTab tab) const { return pageOf_[static_cast<std::size_t>(tab)]; }
 
@@ -208,6 +219,7 @@ void MainWindow::pageAppears(ContentViewTab tab) {
     switch (tab) {
     case ContentViewTab::main: mainPane_->refresh(); break;
     case ContentViewTab::settings: settingsPane_->reload(); break;
+    case ContentViewTab::floatingButton: floatingButtonPane_->reload(); break;
     case ContentViewTab::substitutions: substitutionsPane_->appear(); break;
     case ContentViewTab::ai:
         if (aiPane_) aiPane_->appear();

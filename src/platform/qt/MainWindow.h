@@ -23,6 +23,7 @@ class QStackedWidget;
 class QToolButton;
 
 namespace sprelio {
+class FilesMenuViewModel;
 class HistoryViewModel;
 class IntelligencePresetsViewModel;
 class SendReportViewModel;
@@ -38,9 +39,12 @@ class Settings;
 namespace sprelio::platform {
 
 class AIPane;
+class FloatingButtonPane;
 class SendReportPane;
 class HistoryPane;
 class MainPane;
+class ShortcutEditor;
+struct ShortcutEditorDependencies;
 class QtScreens;
 class SettingsPane;
 class SoundPlayer;
@@ -69,6 +73,8 @@ struct MainWindowDependencies {
     SendReportViewModel* report = nullptr;
     // "Show in File Manager" of the About tab's folders; none: no such buttons.
     std::function<bool(const std::filesystem::path&)> revealInFileManager;
+    // The Files tab draws this; without it the tab says that files can't be transcribed.
+    FilesMenuViewModel* files = nullptr;
 };
 
 class MainWindow final : public QWidget, public ContentWindow {
@@ -100,10 +106,14 @@ public:
     QListWidget* sidebar() const { return sidebar_; }
     QWidget* page(ContentViewTab tab) const;
     MainPane* mainPane() const { return mainPane_; }
+    // The hotkey editor, at the top of the Settings tab; "Change Shortcuts…" on the Main tab leads there.
+    ShortcutEditor* installShortcutEditor(ShortcutEditorDependencies deps);
+    ShortcutEditor* shortcutEditor() const { return shortcutEditor_; }
     SettingsPane* settingsPane() const { return settingsPane_; }
     SubstitutionsPane* substitutionsPane() const { return substitutionsPane_; }
     HistoryPane* historyPane() const { return historyPane_; }
     AIPane* aiPane() const { return aiPane_; }
+    FloatingButtonPane* floatingButtonPane() const { return floatingButtonPane_; }
     SendReportPane* sendReportPane() const { return sendReportPane_; }
     QLabel* bannerLabel() const { return bannerText_; }
     StatusBannerController& banner() { return *banner_; }
@@ -128,10 +138,12 @@ private:
     QWidget* bannerBar_ = nullptr;
     QLabel* bannerText_ = nullptr;
     MainPane* mainPane_ = nullptr;
+    ShortcutEditor* shortcutEditor_ = nullptr;
     SettingsPane* settingsPane_ = nullptr;
     SubstitutionsPane* substitutionsPane_ = nullptr;
     HistoryPane* historyPane_ = nullptr;
     AIPane* aiPane_ = nullptr;
+    FloatingButtonPane* floatingButtonPane_ = nullptr;
     SendReportPane* sendReportPane_ = nullptr;
     std::array<QWidget*, 9> pageOf_{};
 };

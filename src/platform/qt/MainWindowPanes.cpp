@@ -18,6 +18,7 @@
 #include "audio/RecordingsFolderChooser.h"
 #include "base/Log.h"
 #include "input/Key.h"
+#include "input/KeyNames.h"
 #include "platform/Sounds.h"
 #include "platform/qt/QtStatusItem.h"
 #include "store/AppConstants.h"
@@ -103,6 +104,22 @@ MainPane::MainPane(std::function<AppActivity()> appStatus, AppState& appState,
     network_->setPalette(red);
     layout->addWidget(network_);
 
+    accountRow_ = new QWidget(this);
+    auto* accountLayout = new QHBoxLayout(accountRow_);
+    accountLayout->setContentsMargins(0, 0, 0, 0);
+    account_ = new QLabel(accountRow_);
+    account_->setObjectName(QStringLiteral("account"));
+    account_->setWordWrap(true);
+    accountButton_ = new QPushButton(accountRow_);
+    accountButton_->setObjectName(QStringLiteral("accountButton"));
+    connect(accountButton_, &QPushButton::clicked, this, [this] {
+        if (openAccount_) openAccount_();
+    });
+    accountLayout->addWidget(account_, 1);
+    accountLayout->addWidget(accountButton_);
+    accountRow_->hide();
+    layout->addWidget(accountRow_);
+
     usability_ = new QLabel(this);
     usability_->setObjectName(QStringLiteral("usabilityWarnings"));
     usability_->setTextFormat(Qt::PlainText);
@@ -123,11 +140,30 @@ MainPane::MainPane(std::function<AppActivity()> appStatus, AppState& appState,
     shortcuts_->setTextFormat(Qt::PlainText);
     shortcuts_->setWordWrap(true);
     layout->addWidget(shortcuts_);
+    changeShortcuts_ = new QPushButton(QStringLiteral("Change Shortcuts…"), this);
+    changeShortcuts_->setObjectName(QStringLiteral("changeShortcuts"));
+    changeShortcuts_->hide();
+    connect(changeShortcuts_, &QPushButton::clicked, this, [this] {
+        if (openShortcutEditor) openShortcutEditor();
+    });
+    layout->addWidget(changeShortcuts_, 0, Qt::AlignLeft);
     layout->addStretch(1);
     refresh();
 }
 
 QString MainPane::statusText() const { return status_->text(); }
+
+void MainPane::setOpenShortcutEditor(std::function<void()> open) {
+    openShortcutEditor = std::move(open);
+    changeShortcuts_->setVisible(static_cast<bool>(openShortcutEditor));
+}
+
+void MainPane::setAccount(const QString& text, const QString& buttonText, std::function<void()> open) {
+    openAccount_ = std::move(open);
+    account_->setText(text);
+    accountButton_->setText(buttonText);
+    accountRow_->show();
+}
 
 void MainPane::setUsabilityWarnings(const std::vector<std::string>& texts) {
     QStringList lines;
@@ -147,8 +183,9 @@ void MainPane::refresh() {
 
     QStringList lines;
     for (const auto& shortcut : store::getUserShortcuts(viewContext_, true, true)) {
-        const std::string keys = shortcutDisplayString(shortcut->singleModifierDirection(),
-                                                       shortcut->mouseEventMouseButton(), shortcut->shortcutString());
+        const std::string keys = linuxShortcutName(shortcut->singleModifierDirection(), shortcut->modifierEventKeyCode(),
+                                                   shortcut->mouseEventMouseButton(), shortcut->shortcutString());
+        if (keys.empty()) continue; // the editor's empty row
         const auto raw = shortcut->shortcutActionRawValue();
         const auto action = raw ? shortcutActionFromRawValue(*raw) : std::nullopt;
         const QString title = action ? qs(std::string(shortcutActionTitle(*action))) : QStringLiteral("(unknown)");
@@ -159,6 +196,11 @@ void MainPane::refresh() {
 }
 
 // ---- Settings ----
+
+void SettingsPane::insertSection(QWidget* section) {
+    section->setParent(content_->parentWidget());
+    content_->insertWidget(1, section);
+}
 
 SettingsPane::SettingsPane(store::Settings& settings, SoundPlayer* sounds, QWidget* parent)
     : QWidget(parent), settings_(settings), sounds_(sounds) {
@@ -173,6 +215,7 @@ SettingsPane::SettingsPane(store::Settings& settings, SoundPlayer* sounds, QWidg
     layout->setContentsMargins(24, 20, 24, 20);
     layout->setSpacing(12);
     layout->addWidget(heading(QStringLiteral("Settings"), content));
+    content_ = layout;
     scroll->setWidget(content);
 
     QGroupBox* group = nullptr;
@@ -191,7 +234,10 @@ SettingsPane::SettingsPane(store::Settings& settings, SoundPlayer* sounds, QWidg
         QWidget* editor = nullptr;
         if (const auto* toggle = std::get_if<ToggleBinding>(&item.binding)) {
             auto* box = new QCheckBox(qs(item.label), group);
-            connect(box, &QCheckBox::toggled, this, [this, set = toggle->set](bool on) { set(settings_, on); });
+            connect(box, &QCheckBox::toggled, this, [this, key, set = toggle->set](bool on) {
+                set(settings_, on);
+                if (onSettingChanged) onSettingChanged(key);
+            });
             form->addRow(box);
             editor = box;
         } else if (const auto* integer = std::get_if<IntegerBinding>(&item.binding)) {
@@ -339,6 +385,13 @@ AboutPane::AboutPane(const store::AppConstants& constants,
     version->setObjectName(QStringLiteral("version"));
     version->setTextInteractionFlags(Qt::TextSelectableByMouse);
     layout->addWidget(version);
+    auto* updateRow = new QHBoxLayout;
+    auto* checkForUpdate = new QPushButton(QStringLiteral("Check for Update"), this);
+    checkForUpdate->setObjectName(QStringLiteral("checkForUpdate"));
+    connect(checkForUpdate, &QPushButton::clicked, this, &AboutPane::checkForUpdateRequested);
+    updateRow->addWidget(checkForUpdate);
+    updateRow->addStretch(1);
+    layout->addLayout(updateRow);
     layout->addWidget(noteLabel(QStringLiteral("Dictation for the whole desktop: hold a key, speak, and the text "
                                                "appears where you type."),
                                 this));
@@ -366,7 +419,7 @@ AboutPane::AboutPane(const store::AppConstants& constants,
 
 // ---- Tabs still to come ----
 
-ComingSoonPane::ComingSoonPane(const QString& title, const QString& text, QWidget* parent) : QWidget(parent) {
+UnavailablePane::UnavailablePane(const QString& title, const QString& text, QWidget* parent) : QWidget(parent) {
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(24, 20, 24, 20);
     layout->addWidget(heading(title, this));

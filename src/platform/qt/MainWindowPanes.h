@@ -15,6 +15,7 @@
 class QCheckBox;
 class QComboBox;
 class QLineEdit;
+class QPushButton;
 class QSpinBox;
 class QVBoxLayout;
 
@@ -45,6 +46,13 @@ public:
     // What keeps Sprelio from working here; none hides the box.
     void setUsabilityWarnings(const std::vector<std::string>& texts);
     QLabel* usabilityLabel() const { return usability_; }
+    // Where "Change Shortcuts…" leads; the button shows once this is set.
+    void setOpenShortcutEditor(std::function<void()> open);
+    QPushButton* changeShortcutsButton() const { return changeShortcuts_; }
+    // The account's state in words, with the button that opens the sign-in window; hidden until first set.
+    void setAccount(const QString& text, const QString& buttonText, std::function<void()> open);
+    QLabel* accountLabel() const { return account_; }
+    QPushButton* accountButton() const { return accountButton_; }
 
 private:
     std::function<AppActivity()> appStatus_;
@@ -55,6 +63,12 @@ private:
     QLabel* network_ = nullptr;
     QLabel* usability_ = nullptr;
     QLabel* shortcuts_ = nullptr;
+    QPushButton* changeShortcuts_ = nullptr;
+    std::function<void()> openShortcutEditor;
+    QWidget* accountRow_ = nullptr;
+    QLabel* account_ = nullptr;
+    QPushButton* accountButton_ = nullptr;
+    std::function<void()> openAccount_;
 };
 
 // One editor per item of settingsPaneItems(), writing through the item's typed accessors as the user changes it.
@@ -68,12 +82,17 @@ public:
     QWidget* editor(const std::string& key) const;
     // The problem shown under a text editor; empty when there is none.
     QString problem(const std::string& key) const;
+    // A section of its own above the settings (the hotkey editor).
+    void insertSection(QWidget* section);
+    // Called with the key after the user changed a toggle, so that what watches the setting follows at once.
+    std::function<void(const std::string& key)> onSettingChanged;
 
 private:
     store::Settings& settings_;
     SoundPlayer* sounds_;
     std::map<std::string, QWidget*> editors_;
     std::map<std::string, QLabel*> problems_;
+    QVBoxLayout* content_ = nullptr;
 };
 
 class AboutPane final : public QWidget {
@@ -81,17 +100,21 @@ class AboutPane final : public QWidget {
 public:
     AboutPane(const store::AppConstants& constants,
               std::function<bool(const std::filesystem::path&)> revealInFileManager, QWidget* parent = nullptr);
+
+signals:
+    // "Check for Update": the user asks the update feed now.
+    void checkForUpdateRequested();
 };
 
 // The look every tab shares: a bold heading (`scale` times the normal size) and a grey, wrapping note.
 QLabel* heading(const QString& text, QWidget* parent, double scale = 1.5);
 QLabel* noteLabel(const QString& text, QWidget* parent);
 
-// A tab whose feature comes in a later version: it says what it will hold.
-class ComingSoonPane final : public QWidget {
+// A tab whose part could not be made in this session (no history store, say): it says so instead of staying blank.
+class UnavailablePane final : public QWidget {
     Q_OBJECT
 public:
-    ComingSoonPane(const QString& title, const QString& text, QWidget* parent = nullptr);
+    UnavailablePane(const QString& title, const QString& text, QWidget* parent = nullptr);
 };
 
 } // namespace sprelio::platform

@@ -8,6 +8,7 @@
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
+#include <QRadialGradient>
 #include <QScreen>
 #include <algorithm>
 #include <cmath>
@@ -50,7 +51,8 @@ OverlayPanelWidget::OverlayPanelWidget()
     setAttribute(Qt::WA_NoSystemBackground);
     setAttribute(Qt::WA_AlwaysShowToolTips);
     setFocusPolicy(Qt::NoFocus);
-    setMouseTracking(false);
+    // The pointer over the ring lights the button that a click would press.
+    setMouseTracking(true);
     compositor_ = x11overlay::compositorRunning();
     animation_.setInterval(kAnimationIntervalMs);
     QObject::connect(&animation_, &QTimer::timeout, this, [this] { update(); });
@@ -62,6 +64,7 @@ void OverlayPanelWidget::setDrawing(const OverlayDrawing& drawing) {
     const bool kindChanged = drawing.kind != drawing_.kind || drawing.overlaySize != drawing_.overlaySize ||
                              drawing.canvasSize != drawing_.canvasSize;
     drawing_ = drawing;
+    if (drawing_.ringButtons.empty()) hovered_.clear();
     setToolTip(QString::fromStdString(drawing_.helpText));
     const bool animated =
         drawing_.kind == OverlayDrawing::Kind::transcribing || drawing_.kind == OverlayDrawing::Kind::intelligizing;
@@ -101,41 +104,21 @@ void OverlayPanelWidget::paintEvent(QPaintEvent*) {
     painter.fillRect(rect(), Qt::transparent);
     painter.setCompositionMode(QPainter::CompositionMode_SourceOver);
     if (drawing_.kind == OverlayDrawing::Kind::none || drawing_.canvasSize <= 0) return;
-
-    const double scale = width() / drawing_.canvasSize;
-    painter.scale(scale, scale);
-    const double inset = (drawing_.canvasSize - drawing_.overlaySize) / 2;
-    const QRectF overlay(inset, inset, drawing_.overlaySize, drawing_.overlaySize);
-    const double seconds = static_cast<double>(clock_.elapsed()) / 1000.0;
-
-    switch (drawing_.kind) {
-    case OverlayDrawing::Kind::button: paintButton(painter, overlay); break;
-    case OverlayDrawing::Kind::recording:
-        paintOverlayDisc(painter, overlay);
-        paintRecording(painter, overlay);
-        break;
-    case OverlayDrawing::Kind::transcribing:
-        paintOverlayDisc(painter, overlay);
-        paintTranscribing(painter, overlay, seconds);
-        break;
-    case OverlayDrawing::Kind::intelligizing:
-        paintOverlayDisc(painter, overlay);
-        paintIntelligizing(painter, overlay, seconds);
-        break;
-    case OverlayDrawing::Kind::none: break;
-    }
-    paintCancel(painter);
+    painter.scale(width() / drawing_.canvasSize, width() / drawing_.canvasSize);
+    paintOverlayDrawing(painter, drawing_, static_cast<double>(clock_.elapsed()) / 1000.0, hovered_);
 }
 
-void OverlayPanelWidget::paintOverlayDisc(QPainter& painter, const QRectF& overlay) const {
+namespace {
+
+void paintOverlayDisc(QPainter& painter, const QRectF& overlay) {
     painter.setPen(QPen(kDiscRim, 1));
     painter.setBrush(kDiscFill);
     painter.drawEllipse(overlay.adjusted(0.5, 0.5, -0.5, -0.5));
 }
 
-void OverlayPanelWidget::paintRecording(QPainter& painter, const QRectF& overlay) const {
+void paintRecording(QPainter& painter, const OverlayDrawing& drawing, const QRectF& overlay) {
     painter.setPen(Qt::NoPen);
-    for (const auto& bar : drawing_.bars) {
+    for (const auto& bar : drawing.bars) {
         const QRectF r(overlay.x() + bar.x, overlay.y() + bar.y, bar.width, bar.height);
         QLinearGradient gradient(r.topLeft(), r.bottomLeft());
         gradient.setColorAt(0, kGradientTop);
@@ -143,19 +126,19 @@ void OverlayPanelWidget::paintRecording(QPainter& painter, const QRectF& overlay
         painter.setBrush(gradient);
         painter.drawRoundedRect(r, 1.5, 1.5);
     }
-    if (drawing_.showTimer) {
+    if (drawing.showTimer) {
         QFont font = QFontDatabase::systemFont(QFontDatabase::FixedFont);
-        font.setPixelSize(std::max(7, static_cast<int>(std::lround(drawing_.overlaySize * 0.08))));
+        font.setPixelSize(std::max(7, static_cast<int>(std::lround(drawing.overlaySize * 0.08))));
         painter.setFont(font);
         painter.setPen(QColor(255, 255, 255, 215));
         // The label fills the space left of the bars.
-        const QRectF label(overlay.x() + 3 + drawing_.timerOffsetX, overlay.y(), overlay.width() * 0.30,
+        const QRectF label(overlay.x() + 3 + drawing.timerOffsetX, overlay.y(), overlay.width() * 0.30,
                            overlay.height());
-        painter.drawText(label, Qt::AlignCenter, QString::fromStdString(drawing_.timerText));
+        painter.drawText(label, Qt::AlignCenter, QString::fromStdString(drawing.timerText));
     }
 }
 
-void OverlayPanelWidget::paintTranscribing(QPainter& painter, const QRectF& overlay, double seconds) const {
+void paintTranscribing(QPainter& painter, const QRectF& overlay, double seconds) {
     // A ring that turns once a second, in the meter's colours.
     const double radius = overlay.width() * 0.24;
     const QPointF center = overlay.center() - QPointF(overlay.width() * 0.06, 0);
@@ -174,7 +157,7 @@ void OverlayPanelWidget::paintTranscribing(QPainter& painter, const QRectF& over
     painter.drawArc(ring, static_cast<int>(-turn * 16), static_cast<int>(-270 * 16));
 }
 
-void OverlayPanelWidget::paintIntelligizing(QPainter& painter, const QRectF& overlay, double seconds) const {
+void paintIntelligizing(QPainter& painter, const QRectF& overlay, double seconds) {
     // Eight points circling a star, each brightening in turn.
     const QPointF center = overlay.center() - QPointF(overlay.width() * 0.06, 0);
     const double radius = overlay.width() * 0.24;
@@ -204,12 +187,12 @@ void OverlayPanelWidget::paintIntelligizing(QPainter& painter, const QRectF& ove
     painter.drawPath(star);
 }
 
-void OverlayPanelWidget::paintButton(QPainter& painter, const QRectF& overlay) const {
-    const int transparency = std::clamp(drawing_.transparency, 0, 90);
+void paintButton(QPainter& painter, const OverlayDrawing& drawing, const QRectF& overlay) {
+    const int transparency = std::clamp(drawing.transparency, 0, 90);
     painter.setOpacity(1.0 - transparency / 100.0);
     QLinearGradient fill(overlay.topLeft(), overlay.bottomRight());
-    fill.setColorAt(0, drawing_.pressed ? kGradientTop.darker(130) : kGradientTop);
-    fill.setColorAt(1, drawing_.pressed ? kGradientBottom.darker(130) : kGradientBottom);
+    fill.setColorAt(0, drawing.pressed ? kGradientTop.darker(130) : kGradientTop);
+    fill.setColorAt(1, drawing.pressed ? kGradientBottom.darker(130) : kGradientBottom);
     painter.setPen(QPen(QColor(255, 255, 255, 70), 1));
     painter.setBrush(fill);
     painter.drawEllipse(overlay.adjusted(0.5, 0.5, -0.5, -0.5));
@@ -231,12 +214,9 @@ void OverlayPanelWidget::paintButton(QPainter& painter, const QRectF& overlay) c
     painter.setOpacity(1.0);
 }
 
-void OverlayPanelWidget::paintCancel(QPainter& painter) const {
-    if (!drawing_.cancelCenter) return;
-    const QPointF c(drawing_.cancelCenter->x, drawing_.cancelCenter->y);
-    const double r = drawing_.cancelRadius;
+void paintCross(QPainter& painter, const QPointF& c, double r, bool lit) {
     painter.setPen(Qt::NoPen);
-    painter.setBrush(QColor(255, 255, 255, 52));
+    painter.setBrush(lit ? QColor(235, 60, 80, 200) : QColor(255, 255, 255, 52));
     painter.drawEllipse(c, r, r);
     QPen cross(QColor(255, 255, 255, 225), std::max(1.2, r * 0.2));
     cross.setCapStyle(Qt::RoundCap);
@@ -246,6 +226,119 @@ void OverlayPanelWidget::paintCancel(QPainter& painter) const {
     painter.drawLine(QPointF(c.x() - d, c.y() + d), QPointF(c.x() + d, c.y() - d));
 }
 
+// Without a font that has the emoji a button shows the first letter of its title.
+bool emojiFontInstalled() {
+    static const bool installed = [] {
+        for (const QString& family : QFontDatabase::families())
+            if (family.contains(QStringLiteral("Emoji"), Qt::CaseInsensitive)) return true;
+        return false;
+    }();
+    return installed;
+}
+
+void paintRing(QPainter& painter, const OverlayDrawing& drawing, const QRectF& overlay, const std::string& hovered) {
+    const QPointF middle = overlay.center();
+    // The centre: the level of the voice, from the meter's tallest bar, and the time.
+    double level = 0;
+    for (const auto& bar : drawing.bars) level = std::max(level, bar.height / std::max(1.0, drawing.overlaySize));
+    const double r = drawing.ringCenterRadius;
+    if (r > 0) {
+        const double pulse = r * (0.8 + 0.35 * std::clamp(level * 1.4, 0.0, 1.0));
+        QRadialGradient glow(middle, pulse);
+        glow.setColorAt(0, kGradientTop);
+        glow.setColorAt(1, kGradientBottom);
+        painter.setPen(hovered == "center" ? QPen(QColor(255, 255, 255, 200), 1.5) : Qt::NoPen);
+        painter.setBrush(glow);
+        painter.drawEllipse(middle, pulse, pulse);
+        if (drawing.showTimer && r >= 9) {
+            QFont font = QFontDatabase::systemFont(QFontDatabase::FixedFont);
+            font.setPixelSize(std::clamp(static_cast<int>(std::lround(r * 0.55)), 6, 14));
+            painter.setFont(font);
+            painter.setPen(QColor(255, 255, 255, 235));
+            painter.drawText(QRectF(middle.x() - r, middle.y() - r, 2 * r, 2 * r), Qt::AlignCenter,
+                             QString::fromStdString(drawing.timerText));
+        }
+    }
+    const double opacity = painter.opacity();
+    painter.setOpacity(opacity * (drawing.ringDisabled ? 0.7 : 1.0));
+    const bool emoji = emojiFontInstalled();
+    for (const auto& button : drawing.ringButtons) {
+        const QPointF c(button.center.x, button.center.y);
+        const bool lit = !drawing.ringDisabled && button.id == hovered;
+        if (button.isCancel) {
+            paintCross(painter, c, button.radius, lit);
+            continue;
+        }
+        painter.setPen(lit ? QPen(QColor(255, 255, 255, 230), 1.2) : QPen(QColor(255, 255, 255, 40), 0.8));
+        painter.setBrush(lit ? QColor(250, 14, 85, 150) : QColor(255, 255, 255, 28));
+        painter.drawEllipse(c, button.radius, button.radius);
+        QFont font = painter.font();
+        const QString face = emoji && !button.emoji.empty() ? QString::fromStdString(button.emoji)
+                                                            : QString::fromStdString(button.title).left(1);
+        font.setPixelSize(std::max(6, static_cast<int>(std::lround(button.radius * 1.1))));
+        painter.setFont(font);
+        painter.setPen(Qt::white);
+        painter.drawText(QRectF(c.x() - button.radius, c.y() - button.radius, 2 * button.radius, 2 * button.radius),
+                         Qt::AlignCenter, face);
+    }
+    painter.setOpacity(opacity);
+}
+
+} // namespace
+
+std::string ringButtonAt(const OverlayDrawing& drawing, const QPointF& p) {
+    for (const auto& button : drawing.ringButtons) {
+        if (std::hypot(p.x() - button.hitCenter.x, p.y() - button.hitCenter.y) <= button.hitRadius) return button.id;
+    }
+    if (drawing.ringHitRadius > 0 &&
+        std::hypot(p.x() - drawing.ringHitCenter.x, p.y() - drawing.ringHitCenter.y) <= drawing.ringHitRadius)
+        return "center";
+    return {};
+}
+
+void paintOverlayDrawing(QPainter& painter, const OverlayDrawing& drawing, double seconds, const std::string& hovered) {
+    if (drawing.kind == OverlayDrawing::Kind::none || drawing.canvasSize <= 0) return;
+    const double inset = (drawing.canvasSize - drawing.overlaySize) / 2;
+    const QRectF overlay(inset, inset, drawing.overlaySize, drawing.overlaySize);
+    switch (drawing.kind) {
+    case OverlayDrawing::Kind::button: paintButton(painter, drawing, overlay); break;
+    case OverlayDrawing::Kind::recording:
+        paintOverlayDisc(painter, overlay);
+        if (drawing.ringButtons.empty()) {
+            paintRecording(painter, drawing, overlay);
+        } else {
+            paintRing(painter, drawing, overlay, hovered);
+        }
+        break;
+    case OverlayDrawing::Kind::transcribing:
+        paintOverlayDisc(painter, overlay);
+        paintTranscribing(painter, overlay, seconds);
+        break;
+    case OverlayDrawing::Kind::intelligizing:
+        paintOverlayDisc(painter, overlay);
+        paintIntelligizing(painter, overlay, seconds);
+        break;
+    case OverlayDrawing::Kind::none: break;
+    }
+    if (drawing.cancelCenter)
+        paintCross(painter, QPointF(drawing.cancelCenter->x, drawing.cancelCenter->y), drawing.cancelRadius, false);
+}
+
+void OverlayPanelWidget::setHovered(const std::string& id) {
+    if (id == hovered_) return;
+    hovered_ = id;
+    QString tip = QString::fromStdString(drawing_.helpText);
+    for (const auto& button : drawing_.ringButtons)
+        if (button.id == id) tip = QString::fromStdString(button.title);
+    setToolTip(tip);
+    update();
+}
+
+void OverlayPanelWidget::leaveEvent(QEvent* event) {
+    QWidget::leaveEvent(event);
+    setHovered({});
+}
+
 void OverlayPanelWidget::mousePressEvent(QMouseEvent* event) {
     event->accept();
     if (event->button() == Qt::LeftButton && onMouse) onMouse(event_type::kLeftMouseDown, event->globalPosition());
@@ -253,6 +346,10 @@ void OverlayPanelWidget::mousePressEvent(QMouseEvent* event) {
 
 void OverlayPanelWidget::mouseMoveEvent(QMouseEvent* event) {
     event->accept();
+    if (!drawing_.ringButtons.empty() && drawing_.canvasSize > 0) {
+        const double scale = width() / drawing_.canvasSize;
+        setHovered(ringButtonAt(drawing_, event->position() / scale));
+    }
     if ((event->buttons() & Qt::LeftButton) && onMouse) onMouse(event_type::kLeftMouseDragged, event->globalPosition());
 }
 

@@ -7,6 +7,9 @@
 #include <QTimer>
 #include <QWidget>
 #include <memory>
+#include <string>
+
+class QPainter;
 
 #include "platform/OverlayPanels.h"
 #include "platform/qt/QtScreens.h"
@@ -75,6 +78,14 @@ private:
 // A point in Qt's global coordinates, in the logic's.
 Point logicPointFromQt(const ScreenCoordinates& coordinates, const QPointF& point);
 
+// Paints a drawing onto a canvas of drawing.canvasSize points (the painter already scaled to it). `seconds` drives
+// the animations; `hovered` is the id of the ring button under the pointer ("center" for the centre), if any.
+void paintOverlayDrawing(QPainter& painter, const OverlayDrawing& drawing, double seconds,
+                         const std::string& hovered = {});
+// The ring button a click at this canvas point would press: the first whose click area holds it, else "center"
+// when the centre's does; empty for none.
+std::string ringButtonAt(const OverlayDrawing& drawing, const QPointF& canvasPoint);
+
 // The widget behind a panel: paints the drawing, reports left-button events.
 class OverlayPanelWidget final : public QWidget {
     Q_OBJECT
@@ -89,18 +100,16 @@ protected:
     void mousePressEvent(QMouseEvent* event) override;
     void mouseMoveEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
+    void leaveEvent(QEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
 
 private:
     void updateVisibleShape();
-    void paintOverlayDisc(QPainter& painter, const QRectF& overlay) const;
-    void paintRecording(QPainter& painter, const QRectF& overlay) const;
-    void paintTranscribing(QPainter& painter, const QRectF& overlay, double seconds) const;
-    void paintIntelligizing(QPainter& painter, const QRectF& overlay, double seconds) const;
-    void paintButton(QPainter& painter, const QRectF& overlay) const;
-    void paintCancel(QPainter& painter) const;
+    void setHovered(const std::string& id);
 
     OverlayDrawing drawing_;
+    // The ring button under the pointer: drawn lit, its title as the tooltip.
+    std::string hovered_;
     QTimer animation_;
     QElapsedTimer clock_;
     bool compositor_ = false;

@@ -201,7 +201,7 @@ void QtStatusItem::show() {
         tray_ = std::make_unique<QSystemTrayIcon>();
         // Until the session names its state the item shows the idle image: a tray icon is never blank.
         tray_->setIcon(statusIcon(imageName_.empty() ? std::string("micro_status") : imageName_));
-        tray_->setToolTip(QStringLiteral("Sprelio"));
+        tray_->setToolTip(toolTip_);
         if (menu_) tray_->setContextMenu(menu_.get());
         // Status items open their menu on a plain click as well.
         connect(tray_.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
@@ -211,6 +211,46 @@ void QtStatusItem::show() {
     if (!QSystemTrayIcon::isSystemTrayAvailable())
         logWarning("QtStatusItem.show() - the desktop offers no system tray yet; the status item appears when it does");
     tray_->show();
+}
+
+void QtStatusItem::setWarnings(const std::vector<std::string>& texts, std::function<void()> open) {
+    openWarnings_ = std::move(open);
+    toolTip_ = QStringLiteral("Sprelio");
+    for (const auto& text : texts) toolTip_ += QStringLiteral("\n⚠ ") + QString::fromStdString(text);
+    if (tray_) tray_->setToolTip(toolTip_);
+    if (!menu_) return;
+    if (!warningAction_) {
+        warningAction_ = new QAction(menu_.get());
+        QAction* first = menu_->actions().isEmpty() ? nullptr : menu_->actions().first();
+        menu_->insertAction(first, warningAction_);
+        connect(warningAction_, &QAction::triggered, this, [this] {
+            if (openWarnings_) openWarnings_();
+        });
+    }
+    // One line in the menu: the first problem, or how many there are; the tooltip and the window say the rest.
+    const QString title = texts.size() == 1 ? QString::fromStdString(texts.front())
+                                            : QStringLiteral("%1 problems keep Sprelio from working").arg(texts.size());
+    warningAction_->setText(QStringLiteral("⚠ ") + menu_->fontMetrics().elidedText(title, Qt::ElideRight, 420));
+    warningAction_->setToolTip(toolTip_);
+    warningAction_->setVisible(!texts.empty());
+}
+
+void QtStatusItem::setContinuousDictation(std::function<std::optional<bool>()> listening,
+                                          std::function<void()> toggle) {
+    continuousListening_ = std::move(listening);
+    toggleContinuous_ = std::move(toggle);
+    if (!menu_ || continuousAction_) return;
+    continuousAction_ = new QAction(QStringLiteral("♾️ Continuous Voice to Text"), menu_.get());
+    continuousAction_->setCheckable(true);
+    // Right after File to Text, with the other things Sprelio does.
+    const QList<QAction*> entries = menu_->actions();
+    QAction* files = action(MenuItemId::fileToText);
+    const auto at = files ? entries.indexOf(files) : -1;
+    menu_->insertAction(at >= 0 && at + 1 < entries.size() ? entries[at + 1] : nullptr, continuousAction_);
+    connect(continuousAction_, &QAction::triggered, this, [this] {
+        if (toggleContinuous_) toggleContinuous_();
+    });
+    syncEntries();
 }
 
 QAction* QtStatusItem::action(MenuItemId id) const {
@@ -225,6 +265,11 @@ void QtStatusItem::menuAboutToShow() {
 }
 
 void QtStatusItem::syncEntries() {
+    if (continuousAction_ && continuousListening_) {
+        const auto listening = continuousListening_();
+        continuousAction_->setEnabled(listening.has_value());
+        continuousAction_->setChecked(listening.value_or(false));
+    }
     if (!menuBar_) return;
     for (const MenuEntry& entry : menuBar_->entries()) {
         QAction* a = action(entry.id);

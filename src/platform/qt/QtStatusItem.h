@@ -8,7 +8,9 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/StatusImage.h"
 
@@ -54,6 +56,16 @@ public:
     // The action of an entry, nullptr for separators.
     QAction* action(MenuItemId id) const;
 
+    // What keeps Sprelio from working (the banner's texts): in the icon's tooltip, and as the menu's first entry,
+    // which runs `open` (the main window with the banner). Nothing: both go back to plain.
+    void setWarnings(const std::vector<std::string>& texts, std::function<void()> open);
+    QAction* warningAction() const { return warningAction_; }
+
+    // The entry that starts and stops continuous dictation, after File to Text: ticked while it listens, greyed
+    // while something else runs. `listening` answers when the menu opens: nothing for "busy".
+    void setContinuousDictation(std::function<std::optional<bool>()> listening, std::function<void()> toggle);
+    QAction* continuousAction() const { return continuousAction_; }
+
 private:
     void menuAboutToShow();
     void syncEntries();
@@ -66,6 +78,12 @@ private:
     QMenu* micMenu_ = nullptr; // child of menu_
     std::map<int, QAction*> actions_; // by MenuItemId
     std::unique_ptr<QSystemTrayIcon> tray_;
+    QAction* warningAction_ = nullptr; // child of menu_, first entry
+    QString toolTip_ = QStringLiteral("Sprelio");
+    std::function<void()> openWarnings_;
+    QAction* continuousAction_ = nullptr; // child of menu_
+    std::function<std::optional<bool>()> continuousListening_;
+    std::function<void()> toggleContinuous_;
 };
 
 } // namespace sprelio::platform
