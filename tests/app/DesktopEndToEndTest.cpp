@@ -341,7 +341,16 @@ TEST_F(DesktopAiShortcuts, AltTTranslatesADictationIntoSpanish) {
     ASSERT_TRUE(x11test::waitFor([&] { return client->text().find("Hola") != std::string::npos; }, 30000ms))
         << "the test application shows: " << client->text() << "\n" << app->log();
     EXPECT_EQ(client->text(), answer) << "the translation alone, once";
-    EXPECT_EQ(chat.chats().size(), 1u);
+    const auto chats = chat.chats(); // a copy: the list is made afresh at each call
+    ASSERT_EQ(chats.size(), 1u);
+    const std::string asked = chats[0].message("system") + "\n" + chats[0].message("user");
+    EXPECT_NE(asked.find("Spanish"), std::string::npos) << "the target language is named: " << asked;
+    // The transcript is what the service translates, inside the server's own instructions.
+    const auto spoken = testhelpers::words(kSentence);
+    const auto found = std::count_if(spoken.begin(), spoken.end(), [&](const std::string& word) {
+        return chats[0].message("user").find(word) != std::string::npos;
+    });
+    EXPECT_GE(found, static_cast<long>(spoken.size()) - 1) << chats[0].message("user");
     // The session is idle again: the plain dictation key works.
     tap();
     ASSERT_TRUE(app->waitForCount(kRecordingStarted, 2));
