@@ -360,5 +360,40 @@ TEST_F(DesktopAiShortcuts, AltTTranslatesADictationIntoSpanish) {
         << client->text();
 }
 
+// Alt+Shift+T on a selection: the translation waits in the results dialog, in front of the application. Return
+// runs the item the user chose there last time (Use as is), and the text goes back over the selection in the
+// application that was in front, whose clipboard is its own again.
+TEST_F(DesktopAiShortcuts, AltShiftTWaitsInTheResultsDialogAndReturnPastesItBack) {
+    answer = "the quick brown fox";
+    store::JsonFileSettingsStore(home.path() / ".config/Sprelio/settings.json")
+        .set("intelligenceResultsView_selectedItemId", md5Hex("useAsIs"));
+    launch();
+    TestClient::Options options;
+    options.primary = "der schnelle braune Fuchs";
+    bringClientForward(options);
+    copyByAnotherProgram("what the user had copied");
+
+    ASSERT_TRUE(server.run("xdotool key alt+shift+t"));
+    ASSERT_TRUE(app->waitForCount("IntelligenceResultsView.selectedItemId: " + md5Hex("useAsIs"), 1, 30000ms))
+        << app->log();
+    ASSERT_TRUE(x11test::waitFor([&] { return activePid() == app->pid(); }, 10000ms))
+        << "the dialog did not take the front";
+    EXPECT_TRUE(client->text().empty()) << "nothing is pasted while the dialog waits: " << client->text();
+    screenshot("e2e-results-dialog");
+    {
+        const auto chats = chat.chats();
+        ASSERT_EQ(chats.size(), 1u);
+        EXPECT_NE(chats[0].message("user").find("der schnelle braune Fuchs"), std::string::npos)
+            << chats[0].message("user");
+    }
+
+    ASSERT_TRUE(server.run("xdotool key Return"));
+    ASSERT_TRUE(x11test::waitFor([&] { return client->text() == answer; }, 20000ms))
+        << "the test application shows: " << client->text() << "\n" << app->log();
+    EXPECT_TRUE(x11test::waitFor([&] { return activePid() == client->pid(); }, 10000ms));
+    EXPECT_TRUE(x11test::waitFor([&] { return clipboard() == "what the user had copied"; }, 10000ms)) << clipboard();
+    EXPECT_EQ(chat.chats().size(), 1u) << "Use as is asks the service nothing more";
+}
+
 } // namespace
 } // namespace sprelio
