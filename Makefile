@@ -29,13 +29,16 @@ test: build
 # options are compiled into every executable (tests/sanitizers/SanitizerDefaults.cpp), because the tests start
 # sprelio and sprelio-server with environments of their own. Warnings are not errors here: gcc's instrumentation
 # makes -Wnull-dereference and -Wmaybe-uninitialized see paths that the normal build does not have.
-SANITIZER_FLAGS = -fno-omit-frame-pointer -g
+SANITIZER_FLAGS = -fno-omit-frame-pointer
+# Line tables are all a sanitizer report needs; full debug info and -O2 only make the build slower (CI builds this
+# from nothing every time).
+SANITIZER_BUILD_FLAGS = -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG"
 SANITIZER_DEFAULTS = -DSPRELIO_SANITIZER_DIR='"$(CURDIR)/tests/sanitizers"' tests/sanitizers/SanitizerDefaults.cpp
 SANITIZER_ENV = LSAN_OPTIONS=suppressions=$(CURDIR)/tests/sanitizers/lsan.supp:print_suppressions=0 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 test-asan: deps
 	@mkdir -p build-asan && g++ -c -O1 $(SANITIZER_DEFAULTS) -o build-asan/sanitizer-defaults.o
-	@cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSPRELIO_WERROR=OFF -DSPRELIO_BUILD_BENCH=OFF \
+	@cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(SANITIZER_BUILD_FLAGS) -DSPRELIO_WERROR=OFF -DSPRELIO_BUILD_BENCH=OFF \
 	  -DCMAKE_CXX_FLAGS="$(SANITIZER_FLAGS) -fsanitize=address,undefined -fno-sanitize-recover=undefined" \
 	  -DCMAKE_EXE_LINKER_FLAGS="$(CURDIR)/build-asan/sanitizer-defaults.o" >/dev/null
 	@cmake --build build-asan -j $(JOBS)
@@ -46,7 +49,7 @@ test-asan: deps
 TSAN_TESTS = ^(LogManager|ProcessDetails|HttpTransport|LoopbackHost|Pulse|MicDeviceTransport|BackendServer)
 test-tsan: deps
 	@mkdir -p build-tsan && g++ -c -O1 $(SANITIZER_DEFAULTS) -o build-tsan/sanitizer-defaults.o
-	@cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSPRELIO_WERROR=OFF -DSPRELIO_BUILD_BENCH=OFF \
+	@cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(SANITIZER_BUILD_FLAGS) -DSPRELIO_WERROR=OFF -DSPRELIO_BUILD_BENCH=OFF \
 	  -DCMAKE_CXX_FLAGS="$(SANITIZER_FLAGS) -fsanitize=thread" \
 	  -DCMAKE_EXE_LINKER_FLAGS="$(CURDIR)/build-tsan/sanitizer-defaults.o" >/dev/null
 	@cmake --build build-tsan -j $(JOBS) --target test_diagnostics test_backend test_audio test_server
@@ -56,7 +59,7 @@ test-tsan: deps
 # FUZZ_SECONDS on its seed corpus (tests/fuzz/corpus/<target>); what they find lands in build-fuzz/findings.
 FUZZ_SECONDS ?= 60
 fuzz: deps
-	@cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSPRELIO_WERROR=OFF -DSPRELIO_BUILD_BENCH=OFF \
+	@cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(SANITIZER_BUILD_FLAGS) -DSPRELIO_WERROR=OFF -DSPRELIO_BUILD_BENCH=OFF \
 	  -DSPRELIO_BUILD_TESTS=OFF -DSPRELIO_FUZZ=ON -DCMAKE_CXX_COMPILER=clang++-14 \
 	  -DCMAKE_CXX_FLAGS="$(SANITIZER_FLAGS) -fsanitize=address,undefined,fuzzer-no-link -fno-sanitize-recover=undefined" >/dev/null
 	@cmake --build build-fuzz -j $(JOBS) --target sprelio_fuzzers

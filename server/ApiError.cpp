@@ -7,7 +7,9 @@
 namespace sprelio::server {
 
 std::string ApiError::json() const {
-    return nlohmann::json{{"error", error}, {"message", message}, {"stop", stop}}.dump();
+    // A message may quote what a client sent; bytes that are not UTF-8 must not turn a refusal into a crash.
+    return nlohmann::json{{"error", error}, {"message", message}, {"stop", stop}}.dump(
+        -1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 void ApiError::applyTo(httplib::Response& response) const {

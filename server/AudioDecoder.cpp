@@ -10,6 +10,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -49,6 +50,46 @@ std::int64_t seekTo(void* opaque, std::int64_t offset, int whence) {
     return target;
 }
 
+struct FileReader {
+    std::FILE* file = nullptr;
+};
+
+int readFilePacket(void* opaque, std::uint8_t* buffer, int size) {
+    auto* reader = static_cast<FileReader*>(opaque);
+    auto count = std::fread(buffer, 1, static_cast<std::size_t>(size), reader->file);
+    if (count == 0) return std::ferror(reader->file) ? AVERROR(EIO) : AVERROR_EOF;
+    return static_cast<int>(count);
+}
+
+std::int64_t seekFile(void* opaque, std::int64_t offset, int whence) {
+    auto* reader = static_cast<FileReader*>(opaque);
+    if (whence & AVSEEK_SIZE) {
+        auto here = ftello(reader->file);
+        if (fseeko(reader->file, 0, SEEK_END) != 0) return -1;
+        auto size = ftello(reader->file);
+        fseeko(reader->file, here, SEEK_SET);
+        return size;
+    }
+    if (fseeko(reader->file, offset, whence & ~AVSEEK_FORCE) != 0) return -1;
+    return ftello(reader->file);
+}
+
+// The containers audio and video files come in. Anything else FFmpeg would open is refused after probing:
+// playlists and scripts (concat, hls, dash, ffmetadata), image sequences, network descriptions (sdp, rtsp), and
+// raw data; they would read other files or other servers in the uploader's name.
+constexpr const char* kContainers =
+    "wav,w64,caf,aiff,au,flac,ogg,mp3,aac,ac3,eac3,amr,amrnb,amrwb,matroska,webm,mov,mp4,m4a,3gp,3g2,mj2,avi,asf,"
+    "mpeg,mpegts,flv,wv,ape,tta,dts,truehd,mlp,mpc,mpc8,xwma,dsf,voc,rm,gsm";
+
+// The one input is the upload itself: every further file or URL a container names is refused.
+int refuseNestedOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) { return AVERROR(EPERM); }
+
+struct FileCloser {
+    void operator()(std::FILE* file) const {
+        if (file) std::fclose(file);
+    }
+};
+
 struct FormatCloser {
     void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
 };
@@ -84,17 +125,19 @@ public:
     std::uint64_t delivered() const { return delivered_; }
 
     std::variant<DecodedAudio, DecodeFailure> run() {
+        // Files are read through our own reader too, so that FFmpeg never opens a path or URL by itself.
         if (!path_.empty()) {
-            AVFormatContext* format = nullptr;
-            if (avformat_open_input(&format, path_.c_str(), nullptr, nullptr) < 0)
-                return DecodeFailure{"The uploaded file is not an audio or video format the server can read."};
-            format_.reset(format);
-            return decode(format);
+            file_.reset(std::fopen(path_.c_str(), "rb"));
+            if (!file_) return DecodeFailure{"The uploaded file could not be read."};
+            fileReader_.file = file_.get();
         }
         constexpr int kIoBufferSize = 64 * 1024;
         auto* buffer = static_cast<std::uint8_t*>(av_malloc(kIoBufferSize));
         if (!buffer) return DecodeFailure{"The server ran out of memory while reading the upload."};
-        io_.reset(avio_alloc_context(buffer, kIoBufferSize, 0, &reader_, readPacket, nullptr, seekTo));
+        if (file_)
+            io_.reset(avio_alloc_context(buffer, kIoBufferSize, 0, &fileReader_, readFilePacket, nullptr, seekFile));
+        else
+            io_.reset(avio_alloc_context(buffer, kIoBufferSize, 0, &reader_, readPacket, nullptr, seekTo));
         if (!io_) {
             av_free(buffer);
             return DecodeFailure{"The server ran out of memory while reading the upload."};
@@ -103,6 +146,9 @@ public:
         if (!format) return DecodeFailure{"The server ran out of memory while reading the upload."};
         format->pb = io_.get();
         format->flags |= AVFMT_FLAG_CUSTOM_IO;
+        format->format_whitelist = av_strdup(kContainers);
+        format->protocol_whitelist = av_strdup("none");
+        format->io_open = refuseNestedOpen;
         // On failure avformat_open_input frees the context itself.
         if (avformat_open_input(&format, nullptr, nullptr, nullptr) < 0)
             return DecodeFailure{"The uploaded file is not an audio or video format the server can read."};
@@ -230,6 +276,8 @@ private:
     }
 
     MemoryReader reader_;
+    FileReader fileReader_;
+    std::unique_ptr<std::FILE, FileCloser> file_;
     double maxSeconds_;
     std::filesystem::path path_;
     const SampleSink* sink_ = nullptr;

@@ -15,7 +15,7 @@
 #include "base/LocalizedLanguage.h"
 #include "base/Log.h"
 #include "server/ApiError.h"
-#include "server/BoundedTaskQueue.h"
+#include "server/ConnectionGate.h"
 #include "server/OpenAiHttp.h"
 #include "server/OpenAiTranscriptionEngine.h"
 #include "server/PocketsphinxEngine.h"
@@ -36,7 +36,7 @@ struct Route {
 };
 constexpr Route kRoutes[] = {{"GET", "/users/info"},         {"POST", "/transcribe"},      {"GET", "/auth/request"},
                              {"GET", "/auth/request/wait"}, {"POST", "/auth/request/code"}, {"GET", "/auth/confirm"},
-                             {"POST", "/users/report"},    {"POST", "/completions"}};
+                             {"POST", "/users/report"},    {"POST", "/completions"},     {"POST", "/transcribe/live"}};
 constexpr std::string_view kFilePrefix = "/transcribe/file/";
 
 constexpr const char* kEngines = "pocketsphinx, openai";
@@ -83,13 +83,26 @@ BackendServer::BackendServer(ServerConfig config)
 
 BackendServer::BackendServer(ServerConfig config, EngineDescription engine, EngineFactory factory)
     : config_(std::move(config)), accounts_(config_.dataFolder),
-      slots_(std::move(engine), std::move(factory), config_.engineSlots), http_(std::make_unique<httplib::Server>()) {
+      slots_(std::move(engine), std::move(factory), config_.engineSlots) {
+    ConnectionLimits limits;
+    limits.workers = config_.workerThreads;
+    limits.maxConnections = config_.maxConnections;
+    limits.maxConnectionsPerClient = config_.maxConnectionsPerClient;
+    limits.maxHeadBytes = config_.maxHeaderBytes;
+    auto ms = [](double seconds) { return std::chrono::milliseconds(static_cast<long long>(seconds * 1000)); };
+    limits.headTime = ms(config_.requestHeadSeconds);
+    limits.bodyTime = ms(config_.requestBodySeconds);
+    limits.minBodyBytesPerSecond = config_.minBodyBytesPerSecond;
+    limits.idleTime = std::chrono::seconds(config_.keepAliveSeconds);
+    limits.stallTime = std::chrono::seconds(config_.readTimeoutSeconds);
+    http_ = std::make_unique<GuardedHttpServer>(limits);
     ai_ = std::make_shared<ChatServiceSource>(config_, &stopping_);
     janitor_ = std::make_unique<UploadJanitor>(uploadFolder(), std::chrono::seconds(config_.fileRetentionSeconds),
                                                std::chrono::seconds(config_.fileCleanupIntervalSeconds));
     local_ = accounts_.ensureLocalAccount(config_.effectiveTokenFile());
     signIn_ = std::make_unique<SignInService>(config_, accounts_);
     serverUuid_ = accounts_.serverUuid();
+    live_ = std::make_unique<LiveDecodeSessions>(std::chrono::seconds(2), std::chrono::seconds(60));
     installRoutes();
 }
 
@@ -124,6 +137,26 @@ std::string BackendServer::url() const {
     return "http://" + host + ":" + std::to_string(port_.load());
 }
 
+std::vector<BackendServer::RouteInfo> BackendServer::routes() {
+    std::vector<RouteInfo> all;
+    for (const auto& route : kRoutes)
+        all.push_back({route.method, route.path, std::string_view(route.path).rfind("/auth/", 0) != 0});
+    all.push_back({"POST", std::string(kFilePrefix) + "<uuid>", true});
+    all.push_back({"GET", std::string(kFilePrefix) + "<uuid>", true});
+    return all;
+}
+
+std::size_t BackendServer::openConnections() const { return http_->openConnections(); }
+
+std::uint64_t BackendServer::bodyAllowance(const std::string& path) const {
+    // Room for chunk sizes and part headers on top of what the handlers themselves accept.
+    auto framed = [](std::uint64_t limit) { return limit + limit / 16 + 64 * 1024; };
+    if (path.rfind("/auth/", 0) == 0) return 64 * 1024;
+    if (path.rfind(kFilePrefix, 0) == 0) return framed(config_.maxFileUploadBytes);
+    if (path == "/users/report") return framed(3 * static_cast<std::uint64_t>(config_.maxReportPartBytes) + 1024 * 1024);
+    return framed(config_.maxUploadBytes);
+}
+
 const char* BackendServer::allowedMethods(const std::string& path) const {
     if (path.rfind(kFilePrefix, 0) == 0 && path.find('/', kFilePrefix.size()) == std::string::npos) return "GET, POST";
     for (const auto& route : kRoutes)
@@ -133,11 +166,11 @@ const char* BackendServer::allowedMethods(const std::string& path) const {
 
 void BackendServer::installRoutes() {
     auto& http = *http_;
-    http.new_task_queue = [this] { return new BoundedTaskQueue(config_.workerThreads, config_.maxQueuedConnections); };
     // The largest body any endpoint takes; each endpoint holds its own bodies to their own limits.
     std::uint64_t largest = std::max<std::uint64_t>({config_.maxUploadBytes, config_.maxFileUploadBytes,
                                                      3 * static_cast<std::uint64_t>(config_.maxReportPartBytes) + 65536});
     http.set_payload_max_length(static_cast<std::size_t>(largest));
+    http.set_keep_alive_max_count(100);
     // Answers are small and written in pieces; without this, Nagle and delayed ACKs cost ~40 ms per request.
     http.set_tcp_nodelay(true);
     http.set_keep_alive_timeout(config_.keepAliveSeconds);
@@ -148,14 +181,41 @@ void BackendServer::installRoutes() {
         tRoutedAt = Clock::now();
         // Bodies read into memory keep the smaller limit; the streaming endpoints check theirs while reading.
         bool streamed = request.path.rfind(kFilePrefix, 0) == 0 || request.path == "/users/report";
-        if (!streamed && request.has_header("Content-Length")) {
+        if (request.has_header("Content-Length")) {
             std::uint64_t length = 0;
             auto text = request.get_header_value("Content-Length");
             auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), length);
-            if (ec != std::errc() || end != text.data() + text.size() || length > config_.maxUploadBytes) {
+            if (ec != std::errc() || end != text.data() + text.size() || text.empty()) {
+                refuseBody(response, api_error::badRequest("The Content-Length header is not a number."));
+                return httplib::Server::HandlerResponse::Handled;
+            }
+            if (!streamed && length > config_.maxUploadBytes) {
                 refuseBody(response, api_error::payloadTooLarge(config_.maxUploadBytes));
                 return httplib::Server::HandlerResponse::Handled;
             }
+        }
+        // Query values end up in messages and JSON answers, which must be UTF-8.
+        for (const auto& [key, value] : request.params) {
+            if (!isValidUtf8(key) || !isValidUtf8(value)) {
+                refuseBody(response, api_error::badRequest("A query value of the request is not valid UTF-8."));
+                return httplib::Server::HandlerResponse::Handled;
+            }
+        }
+        // httplib reads the body of these methods before any handler runs, whatever the route, so everything
+        // that decides against a body is decided here, before its first byte is read.
+        const auto& method = request.method;
+        if (method == "POST" || method == "PUT" || method == "PATCH" || method == "DELETE") {
+            if (auto allowed = allowedMethods(request.path);
+                allowed && std::string_view(allowed).find(method) == std::string_view::npos) {
+                response.set_header("Allow", allowed);
+                refuseBody(response, api_error::methodNotAllowed());
+                return httplib::Server::HandlerResponse::Handled;
+            }
+            // Sign-in is the one way in without a token; nobody else may make the server read a byte.
+            if (request.path.rfind("/auth/", 0) != 0 && !authorizeBeforeBody(request, response))
+                return httplib::Server::HandlerResponse::Handled;
+            // A live stream is paced by the speaker: only a stall ends it, and its own time limit.
+            GuardedHttpServer::allowBody(bodyAllowance(request.path), request.path == "/transcribe/live");
         }
         return httplib::Server::HandlerResponse::Unhandled;
     });
@@ -163,6 +223,10 @@ void BackendServer::installRoutes() {
     http.Get("/users/info", [this](const httplib::Request& q, httplib::Response& r) { handleUserInfo(q, r); });
     http.Post("/transcribe", [this](const httplib::Request& q, httplib::Response& r) { handleTranscribe(q, r); });
     http.Post("/completions", [this](const httplib::Request& q, httplib::Response& r) { handleCompletions(q, r); });
+    http.Post("/transcribe/live",
+              [this](const httplib::Request& q, httplib::Response& r, const httplib::ContentReader& c) {
+                  handleLiveTranscribe(q, r, c);
+              });
     http.Get("/auth/request", [this](const httplib::Request& q, httplib::Response& r) { handleSignInRequest(q, r); });
     http.Get("/auth/request/wait", [this](const httplib::Request& q, httplib::Response& r) { handleSignInWait(q, r); });
     http.Post("/auth/request/code", [this](const httplib::Request& q, httplib::Response& r) { handleSignInCode(q, r); });
@@ -192,7 +256,12 @@ void BackendServer::installRoutes() {
             }
             break;
         case 413: error = api_error::payloadTooLarge(config_.maxUploadBytes); break;
-        case 400: error = api_error::badRequest("The request could not be read."); break;
+        case 400:
+            // A body cut at its allowance (a chunked one has no length to refuse it by beforehand).
+            error = GuardedHttpServer::bodyOverAllowance()
+                        ? api_error::payloadTooLarge(config_.maxUploadBytes)
+                        : api_error::badRequest("The request could not be read.");
+            break;
         case 500: error = api_error::internalError(); break;
         default:
             error = {response.status, "HttpError",
@@ -239,6 +308,7 @@ void BackendServer::start() {
         throw std::runtime_error("cannot listen on " + config_.host + ":" + std::to_string(config_.port));
     }
     port_ = bound;
+    http_->setListenBacklog(static_cast<int>(std::min<std::size_t>(config_.maxConnections, 1024)));
     listener_ = std::thread([this] { http_->listen_after_bind(); });
     // stop() only takes effect once the accept loop runs; until then it would be lost.
     while (!http_->is_running() && listener_.joinable()) std::this_thread::yield();
@@ -267,6 +337,8 @@ void BackendServer::stop() {
     aiSource()->stop();
     http_->stop();
     listener_.join();
+    // The requests under way finish and answer; waiting connections are closed.
+    http_->shutdownGate();
     log(LogLevel::info, "BackendServer.stop() - stopped");
 }
 
@@ -300,6 +372,7 @@ void BackendServer::handleUserInfo(const httplib::Request& request, httplib::Res
 
     nlohmann::json balancers = nlohmann::json::array();
     balancers.push_back({{"uuid", serverUuid_}, {"name", config_.name}, {"url", url()}});
+    if (liveDecoding()) balancers.back()["liveDecoding"] = true;
     for (const auto& peer : config_.peers)
         balancers.push_back({{"uuid", peer.uuid}, {"name", peer.name}, {"url", peer.url}});
 

@@ -4,7 +4,7 @@
 // the AI part of an upload) on one HTTP listener. The standalone binary and the client's embedded mode both run this class.
 //
 // Every answer that is not a success has the shape {"error", "message", "stop"} (ApiError), the statuses the HTTP
-// layer produces itself (404, 405, 413, 400, 500) included. Every endpoint but those of sign-in requires
+// layer produces itself (404, 405, 408, 413, 431, 400, 500, 503) included. Every endpoint but those of sign-in requires
 // "Authorization: Bearer <token>".
 // One access-log line per request: method, path, the names of the query keys (never their values), status and
 // the time from routing to answer; no header, body or transcript ever reaches the log.
@@ -16,11 +16,13 @@
 #include <string>
 #include <thread>
 #include <variant>
+#include <vector>
 
 #include "server/AccountStore.h"
 #include "server/ChatServiceSource.h"
 #include "server/CompletionPrompts.h"
 #include "server/EngineSlots.h"
+#include "server/LiveDecodeSessions.h"
 #include "server/ServerConfig.h"
 #include "server/SignInService.h"
 #include "server/UploadJanitor.h"
@@ -33,6 +35,8 @@ class ContentReader;
 } // namespace httplib
 
 namespace sprelio::server {
+
+class GuardedHttpServer;
 
 class BackendServer {
 public:
@@ -73,6 +77,20 @@ public:
     // does for a service that can't be used.
     void reconfigureAi(const ServerConfig& config);
 
+    struct RouteInfo {
+        const char* method;
+        std::string path; // a file route holds "<uuid>" where the id goes
+        bool needsToken;
+    };
+    // Every endpoint this server answers, for tests that walk them all.
+    static std::vector<RouteInfo> routes();
+    // Connections open now, for tests of the connection limits.
+    std::size_t openConnections() const;
+    // Whether dictations are decoded while they are spoken: switched on and an engine that can.
+    bool liveDecoding() const;
+    // Live streams running, or finished and not yet claimed by their upload.
+    std::size_t liveStreams() const { return live_ ? live_->size() : 0; }
+
 private:
     void installRoutes();
     std::optional<Account> authorize(const httplib::Request& request, httplib::Response& response);
@@ -91,11 +109,21 @@ private:
                           const httplib::ContentReader& reader);
     void handleFileTranscribe(const httplib::Request& request, httplib::Response& response);
     void handleCompletions(const httplib::Request& request, httplib::Response& response);
+    void handleLiveTranscribe(const httplib::Request& request, httplib::Response& response,
+                              const httplib::ContentReader& reader);
+    // The text of the live stream an upload names, when that stream matches the upload in every respect.
+    std::optional<Transcript> takeLiveTranscript(const httplib::Request& request, const Account& account,
+                                                 const std::string& language);
+    // The answer to a recording's upload once its transcript exists, with the AI step when one rides along.
+    void answerTranscript(httplib::Response& response, const Account& account, const Transcript& transcript,
+                          std::optional<CompletionRequest> ai);
     // Runs one AI request through the chat service; the text, or the error to answer.
     std::variant<std::string, ApiError> complete(const CompletionRequest& request, const char* caller);
     // The answer when there is no chat service to use.
     ApiError aiUnavailable(const ChatServiceSource::Lookup& lookup) const;
     const char* allowedMethods(const std::string& path) const;
+    // The most bytes the body of a request to `path` may carry, its transfer coding included.
+    std::uint64_t bodyAllowance(const std::string& path) const;
 
     ServerConfig config_;
     AccountStore accounts_;
@@ -104,12 +132,13 @@ private:
     EngineSlots slots_;
     std::unique_ptr<SignInService> signIn_;
     std::unique_ptr<UploadJanitor> janitor_;
+    std::unique_ptr<LiveDecodeSessions> live_;
     std::atomic<bool> stopping_{false};
     std::shared_ptr<ChatServiceSource> aiSource() const;
     // After stopping_, which cuts its looks short. Swapped whole by reconfigureAi, under aiLock_.
     mutable std::mutex aiLock_;
     std::shared_ptr<ChatServiceSource> ai_;
-    std::unique_ptr<httplib::Server> http_;
+    std::unique_ptr<GuardedHttpServer> http_;
     std::thread listener_;
     std::atomic<int> port_{0};
     std::atomic<bool> started_{false};

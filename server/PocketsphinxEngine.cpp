@@ -4,6 +4,7 @@
 #include <sphinxbase/feat.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -39,7 +40,7 @@ struct PocketsphinxEngine::Impl {
     CepstralMeanStart cepstralMeanStart;
 };
 
-EngineDescription PocketsphinxEngine::description() { return {"pocketsphinx", {"en"}, false}; }
+EngineDescription PocketsphinxEngine::description() { return {"pocketsphinx", {"en"}, false, true}; }
 
 PocketsphinxEngine::PocketsphinxEngine(const std::filesystem::path& modelFolder) : impl_(new Impl) {
     auto hmm = (modelFolder / "en-us").string();
@@ -69,43 +70,98 @@ PocketsphinxEngine::~PocketsphinxEngine() {
     delete impl_;
 }
 
-Transcript PocketsphinxEngine::transcribe(std::span<const std::int16_t> samples, const std::string& language) {
-    // The recogniser is cut into utterances at the pauses its own voice-activity detector finds: one long
-    // utterance costs memory and accuracy, and a file of an hour must not be one utterance.
-    constexpr std::size_t kChunk = 2048;
-    ps_decoder_t* ps = impl_->decoder;
-    impl_->cepstralMeanStart.restore(*ps_get_feat(ps)->cmn_struct);
-    // A new stream to the library too: the noise level its voice-activity detector tracks starts afresh.
-    if (ps_start_stream(ps) < 0) throw EngineError("pocketsphinx refused to start a stream");
-    std::string text;
-    auto appendHypothesis = [&] {
-        int32 score = 0;
-        const char* hyp = ps_get_hyp(ps, &score);
-        if (hyp && *hyp) {
-            if (!text.empty()) text += ' ';
-            text += hyp;
-        }
-    };
-    if (ps_start_utt(ps) < 0) throw EngineError("pocketsphinx refused to start an utterance");
-    bool inSpeech = false;
-    for (std::size_t at = 0; at < samples.size(); at += kChunk) {
-        std::size_t count = std::min(kChunk, samples.size() - at);
-        if (ps_process_raw(ps, samples.data() + at, count, FALSE, FALSE) < 0) {
-            ps_end_utt(ps); // the next request must find the decoder idle
-            throw EngineError("pocketsphinx failed on the audio");
-        }
-        bool speech = ps_get_in_speech(ps) != 0;
-        if (speech && !inSpeech) inSpeech = true;
-        if (!speech && inSpeech) {
-            ps_end_utt(ps);
-            appendHypothesis();
-            if (ps_start_utt(ps) < 0) throw EngineError("pocketsphinx refused to start an utterance");
-            inSpeech = false;
+namespace {
+
+// The recogniser is cut into utterances at the pauses its own voice-activity detector finds: one long utterance
+// costs memory and accuracy, and a file of an hour must not be one utterance. The audio goes in in pieces of a
+// fixed size whatever pieces it arrives in, so that a recording fed while it is spoken meets the detector at the
+// same points as the same recording fed at once, and gets the same text.
+class PocketsphinxRun final : public IncrementalTranscription {
+public:
+    static constexpr std::size_t kChunk = 2048;
+
+    PocketsphinxRun(ps_decoder_t* ps, std::string language) : ps_(ps), language_(std::move(language)) {
+        if (ps_start_stream(ps_) < 0) throw EngineError("pocketsphinx refused to start a stream");
+        if (ps_start_utt(ps_) < 0) throw EngineError("pocketsphinx refused to start an utterance");
+        inUtterance_ = true;
+    }
+    ~PocketsphinxRun() override {
+        // The next request must find the decoder idle.
+        if (inUtterance_) ps_end_utt(ps_);
+    }
+
+    void feed(std::span<const std::int16_t> samples) override {
+        // Whole pieces straight from the caller's buffer; only a remainder waits.
+        while (!samples.empty()) {
+            if (pending_.empty() && samples.size() >= kChunk) {
+                process(samples.first(kChunk));
+                samples = samples.subspan(kChunk);
+                continue;
+            }
+            std::size_t take = std::min(kChunk - pending_.size(), samples.size());
+            pending_.insert(pending_.end(), samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(take));
+            samples = samples.subspan(take);
+            if (pending_.size() == kChunk) {
+                process(pending_);
+                pending_.clear();
+            }
         }
     }
-    ps_end_utt(ps);
-    appendHypothesis();
-    return {text, language};
+
+    Transcript finish() override {
+        if (!pending_.empty()) process(pending_);
+        pending_.clear();
+        inUtterance_ = false;
+        ps_end_utt(ps_);
+        appendHypothesis();
+        return {text_, language_};
+    }
+
+private:
+    void process(std::span<const std::int16_t> chunk) {
+        if (ps_process_raw(ps_, chunk.data(), chunk.size(), FALSE, FALSE) < 0)
+            throw EngineError("pocketsphinx failed on the audio");
+        bool speech = ps_get_in_speech(ps_) != 0;
+        if (speech && !inSpeech_) inSpeech_ = true;
+        if (!speech && inSpeech_) {
+            inUtterance_ = false;
+            ps_end_utt(ps_);
+            appendHypothesis();
+            if (ps_start_utt(ps_) < 0) throw EngineError("pocketsphinx refused to start an utterance");
+            inUtterance_ = true;
+            inSpeech_ = false;
+        }
+    }
+
+    void appendHypothesis() {
+        int32 score = 0;
+        const char* hyp = ps_get_hyp(ps_, &score);
+        if (hyp && *hyp) {
+            if (!text_.empty()) text_ += ' ';
+            text_ += hyp;
+        }
+    }
+
+    ps_decoder_t* ps_;
+    std::string language_;
+    std::vector<std::int16_t> pending_;
+    std::string text_;
+    bool inSpeech_ = false;
+    bool inUtterance_ = false;
+};
+
+} // namespace
+
+std::unique_ptr<IncrementalTranscription> PocketsphinxEngine::beginIncremental(const std::string& language) {
+    impl_->cepstralMeanStart.restore(*ps_get_feat(impl_->decoder)->cmn_struct);
+    // A new stream to the library too: the noise level its voice-activity detector tracks starts afresh.
+    return std::make_unique<PocketsphinxRun>(impl_->decoder, language);
+}
+
+Transcript PocketsphinxEngine::transcribe(std::span<const std::int16_t> samples, const std::string& language) {
+    auto run = beginIncremental(language);
+    run->feed(samples);
+    return run->finish();
 }
 
 } // namespace sprelio::server

@@ -17,6 +17,7 @@ public:
     PocketsphinxEngine& operator=(const PocketsphinxEngine&) = delete;
 
     Transcript transcribe(std::span<const std::int16_t> samples, const std::string& language) override;
+    std::unique_ptr<IncrementalTranscription> beginIncremental(const std::string& language) override;
 
 private:
     struct Impl;

@@ -31,6 +31,9 @@ void BackendServer::handleReport(const httplib::Request& request, httplib::Respo
     auto id = Uuid::random().string();
     auto folder = reportFolder() / (id + ".partial");
     std::filesystem::create_directories(folder);
+    // Reports hold a user's logs and settings: for the server's own user only, whatever its umask.
+    std::filesystem::permissions(reportFolder(), std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::replace);
     struct Cleanup {
         std::filesystem::path path;
         ~Cleanup() {

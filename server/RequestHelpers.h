@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "server/ApiError.h"
@@ -24,6 +25,9 @@ std::string quotable(const std::string& text);
 std::string loggablePath(const std::string& path);
 // The names of a request's query keys (httplib's Params), each once, for the access log; never their values.
 std::string queryKeys(const std::multimap<std::string, std::string>& params);
+
+// Whether `text` is well-formed UTF-8 (no overlong forms, surrogates or values past U+10FFFF).
+bool isValidUtf8(std::string_view text);
 
 std::string lower(std::string text);
 // Without the leading and trailing characters of `blanks`; by default HTTP's optional white space.

@@ -122,7 +122,10 @@ std::string serverUsage() {
            "  --ai-auto-detect-url URL  where to look for the local service (default http://127.0.0.1:11434)\n"
            "  --file-retention-hours N  remove long-file uploads never transcribed after N hours, 0 keeps\n"
            "                       them (default 24)\n"
-           "  --slots N            transcriptions at once (default 2)\n"
+           "  --slots N            transcriptions at once (default 2); a live decoding holds one while it runs\n"
+           "  --live-decoding on|off  decode dictations while they are spoken (default on)\n"
+           "  --live-max-seconds N  end a live decoding that runs longer; its upload is transcribed as usual\n"
+           "                       (default 900)\n"
            "  --threads N          HTTP worker threads (default 8)\n"
            "  --max-upload-mb N    largest accepted request body (default 100)\n"
            "  --max-file-upload-mb N  largest accepted long file (default 2048)\n"
@@ -161,6 +164,21 @@ bool applyServerConfigJson(const std::string& jsonText, ServerConfig& config, st
             else if (key == "signInCodeAttempts") config.signInCodeAttempts = value.get<int>();
             else if (key == "signInWaitSeconds") config.signInWaitSeconds = value.get<int>();
             else if (key == "maxSignInWaiters") config.maxSignInWaiters = value.get<std::size_t>();
+            else if (key == "signInFreeGuessesPerEmail") config.signInFreeGuessesPerEmail = value.get<int>();
+            else if (key == "signInFreeGuessesPerClient") config.signInFreeGuessesPerClient = value.get<int>();
+            else if (key == "signInFreeRequestsPerEmail") config.signInFreeRequestsPerEmail = value.get<int>();
+            else if (key == "signInFreeRequestsPerClient") config.signInFreeRequestsPerClient = value.get<int>();
+            else if (key == "signInBackOffSeconds") config.signInBackOffSeconds = value.get<int>();
+            else if (key == "signInMaxBackOffSeconds") config.signInMaxBackOffSeconds = value.get<int>();
+            else if (key == "signInForgetSeconds") config.signInForgetSeconds = value.get<int>();
+            else if (key == "maxHeaderBytes") config.maxHeaderBytes = value.get<std::size_t>();
+            else if (key == "requestHeadSeconds") config.requestHeadSeconds = value.get<double>();
+            else if (key == "requestBodySeconds") config.requestBodySeconds = value.get<double>();
+            else if (key == "minBodyBytesPerSecond") config.minBodyBytesPerSecond = value.get<std::uint64_t>();
+            else if (key == "maxConnections") config.maxConnections = value.get<std::size_t>();
+            else if (key == "maxConnectionsPerClient") config.maxConnectionsPerClient = value.get<std::size_t>();
+            else if (key == "readTimeoutSeconds") config.readTimeoutSeconds = value.get<int>();
+            else if (key == "keepAliveSeconds") config.keepAliveSeconds = value.get<int>();
             else if (key == "openaiUrl") config.openaiUrl = value.get<std::string>();
             else if (key == "openaiKey") config.openaiKey = value.get<std::string>();
             else if (key == "openaiKeyFile") config.openaiKeyFile = value.get<std::string>();
@@ -186,6 +204,8 @@ bool applyServerConfigJson(const std::string& jsonText, ServerConfig& config, st
             else if (key == "maxCompletionTextBytes") config.maxCompletionTextBytes = value.get<std::size_t>();
             else if (key == "fileRetentionSeconds") config.fileRetentionSeconds = value.get<int>();
             else if (key == "fileCleanupIntervalSeconds") config.fileCleanupIntervalSeconds = value.get<int>();
+            else if (key == "liveDecoding") config.liveDecoding = value.get<bool>();
+            else if (key == "liveMaxSeconds") config.liveMaxSeconds = value.get<int>();
             else if (key == "peers") {
                 config.peers.clear();
                 for (const auto& item : value) {
@@ -268,6 +288,8 @@ ConfigParseResult parseServerCommandLine(int argc, const char* const* argv) {
         else if (flag == "--ai-timeout") ok = parseNumber(value, config.aiTimeoutSeconds) && config.aiTimeoutSeconds > 0;
         else if (flag == "--ai-auto-detect") ok = parseSwitch(value, config.aiAutoDetect);
         else if (flag == "--ai-auto-detect-url") ok = !(config.aiAutoDetectUrl = value).empty();
+        else if (flag == "--live-decoding") ok = parseSwitch(value, config.liveDecoding);
+        else if (flag == "--live-max-seconds") ok = parseNumber(value, config.liveMaxSeconds) && config.liveMaxSeconds > 0;
         else if (flag == "--file-retention-hours") {
             int hours = 0;
             ok = parseNumber(value, hours) && hours >= 0 && hours <= 24 * 365;

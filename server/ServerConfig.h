@@ -42,13 +42,25 @@ struct ServerConfig {
     std::size_t engineSlots = 2;
 
     std::size_t workerThreads = 8;
-    // Accepted connections waiting for a worker; beyond this the accepting thread waits and the kernel queues.
+    // No longer used: a connection waits for a worker only once its request head is whole, and connections are
+    // bounded by maxConnections. Still read, so that configuration files that name it keep working.
     std::size_t maxQueuedConnections = 64;
     std::size_t maxUploadBytes = 100 * 1024 * 1024;
     // Decoded audio beyond this is refused rather than held in memory.
     double maxAudioSeconds = 3 * 60 * 60;
     int keepAliveSeconds = 2;
+    // One read or write that makes no progress for this long ends the connection.
     int readTimeoutSeconds = 30;
+    // A request's head (request line and header lines) may be this large and must arrive within this time of
+    // its first byte; its body within requestBodySeconds plus one second per minBodyBytesPerSecond received.
+    // So a client that trickles either is cut after a bounded time, and a waiting head holds no worker.
+    std::size_t maxHeaderBytes = 32 * 1024;
+    double requestHeadSeconds = 10;
+    double requestBodySeconds = 30;
+    std::uint64_t minBodyBytesPerSecond = 16 * 1024;
+    // Connections open at once, and from one client address (an IPv6 /64); more are answered 503.
+    std::size_t maxConnections = 512;
+    std::size_t maxConnectionsPerClient = 128;
 
     // Long files (POST /transcribe/file/<uuid>) go to disk, never to memory, up to this size.
     std::uint64_t maxFileUploadBytes = 2ULL * 1024 * 1024 * 1024;
@@ -67,6 +79,17 @@ struct ServerConfig {
     // A sign-in request stays usable this long; a code may be tried this often.
     int signInValidSeconds = 15 * 60;
     int signInCodeAttempts = 5;
+    // Guessing codes: wrong codes and spent requests count against the e-mail address and the client address.
+    // Beyond the free ones, each further one waits signInBackOffSeconds, doubled each time up to
+    // signInMaxBackOffSeconds; a key forgets after signInForgetSeconds without one. Sign-in requests count
+    // against both the same way, with their own free number.
+    int signInFreeGuessesPerEmail = 10;
+    int signInFreeGuessesPerClient = 20;
+    int signInFreeRequestsPerEmail = 5;
+    int signInFreeRequestsPerClient = 20;
+    int signInBackOffSeconds = 60;
+    int signInMaxBackOffSeconds = 60 * 60;
+    int signInForgetSeconds = 24 * 60 * 60;
     // The long poll for the link answers after this at the latest. Longer than the client's own request
     // time-out, so that the client's time-out (which starts a new sign-in) decides.
     int signInWaitSeconds = 75;
@@ -93,6 +116,12 @@ struct ServerConfig {
     // The longest text an AI request may carry.
     std::size_t maxCompletionTextBytes = 256 * 1024;
 
+    // Live decoding of dictations while they are spoken (POST /transcribe/live), announced in /users/info. A stream
+    // holds an engine slot while it runs; one that runs longer than liveMaxSeconds is ended by the server, and its
+    // upload is then transcribed the ordinary way.
+    bool liveDecoding = true;
+    int liveMaxSeconds = 15 * 60;
+
     // Where the token of the local account is written (mode 0600); empty: dataFolder / "local-token".
     std::filesystem::path tokenFile;
 
@@ -112,14 +141,19 @@ struct ConfigParseResult {
 // --engine NAME, --model DIR, --slots N, --threads N, --max-upload-mb N, --max-file-upload-mb N, --token-file PATH,
 // --smtp-url URL, --smtp-from ADDRESS, --openai-url URL, --openai-key KEY, --openai-key-file PATH,
 // --openai-model NAME, --openai-languages LIST, --ai-url URL, --ai-key KEY, --ai-key-file PATH, --ai-model NAME,
-// --ai-timeout SECONDS, --ai-auto-detect on|off, --ai-auto-detect-url URL, --file-retention-hours N.
+// --ai-timeout SECONDS, --ai-auto-detect on|off, --ai-auto-detect-url URL, --file-retention-hours N,
+// --live-decoding on|off, --live-max-seconds N.
 ConfigParseResult parseServerCommandLine(int argc, const char* const* argv);
 // Keys of the JSON file: host, port, dataFolder, publicUrl, name, peers [{name, url, uuid?}], engine, modelFolder,
 // engineSlots, workerThreads, maxQueuedConnections, maxUploadBytes, maxFileUploadBytes, fileChunkSeconds,
 // maxReportPartBytes, maxAudioSeconds, tokenFile, smtpUrl, smtpFrom, signInValidSeconds, signInCodeAttempts,
-// signInWaitSeconds, maxSignInWaiters, openaiUrl, openaiKey, openaiKeyFile, openaiModel, openaiLanguages,
+// signInWaitSeconds, maxSignInWaiters, signInFreeGuessesPerEmail, signInFreeGuessesPerClient,
+// signInFreeRequestsPerEmail, signInFreeRequestsPerClient, signInBackOffSeconds, signInMaxBackOffSeconds,
+// signInForgetSeconds, maxHeaderBytes, requestHeadSeconds, requestBodySeconds, minBodyBytesPerSecond,
+// maxConnections, maxConnectionsPerClient, readTimeoutSeconds, keepAliveSeconds, openaiUrl, openaiKey, openaiKeyFile, openaiModel, openaiLanguages,
 // openaiTimeoutSeconds, aiUrl, aiKey, aiKeyFile, aiModel, aiTimeoutSeconds, aiAutoDetect, aiAutoDetectUrl,
-// aiAutoDetectIntervalSeconds, maxCompletionTextBytes, fileRetentionSeconds, fileCleanupIntervalSeconds. Unknown
+// aiAutoDetectIntervalSeconds, maxCompletionTextBytes, fileRetentionSeconds, fileCleanupIntervalSeconds,
+// liveDecoding, liveMaxSeconds. Unknown
 // keys are an error, so that a misspelt key never silently leaves a default in force.
 bool applyServerConfigJson(const std::string& jsonText, ServerConfig& config, std::string& error);
 std::string serverUsage();

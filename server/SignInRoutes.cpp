@@ -27,7 +27,8 @@ void BackendServer::handleSignInRequest(const httplib::Request& request, httplib
         api_error::badRequest("Please enter a valid e-mail address.").applyTo(response);
         return;
     }
-    auto started = signIn_->request(request.get_param_value("email"), url() + "/auth/confirm?token=");
+    auto started = signIn_->request(request.get_param_value("email"), url() + "/auth/confirm?token=",
+                                    request.remote_addr);
     if (auto* error = std::get_if<ApiError>(&started)) {
         error->applyTo(response);
         return;
@@ -65,7 +66,8 @@ void BackendServer::handleSignInCode(const httplib::Request& request, httplib::R
         api_error::badRequest("The body must be a JSON object with the strings uuid and code.").applyTo(response);
         return;
     }
-    auto answer = signIn_->submitCode(body["uuid"].get<std::string>(), body["code"].get<std::string>());
+    auto answer = signIn_->submitCode(body["uuid"].get<std::string>(), body["code"].get<std::string>(),
+                                      request.remote_addr);
     if (auto* error = std::get_if<ApiError>(&answer)) {
         error->applyTo(response);
         return;

@@ -1,5 +1,6 @@
 #include "server/SignInService.h"
 
+#include <arpa/inet.h>
 #include <openssl/rand.h>
 #include <sqlite3.h>
 
@@ -63,6 +64,13 @@ ApiError tooManySignIns() {
     return {429, "TooManySignIns", "Too many sign-in requests for this address; please use one of the mails sent.",
             true};
 }
+ApiError signInBackOff(std::int64_t seconds) {
+    auto minutes = std::max<std::int64_t>(1, (seconds + 59) / 60);
+    return {429, "TooManySignInAttempts",
+            "Too many wrong codes or sign-in requests; please try again in " + std::to_string(minutes) + " minute" +
+                (minutes == 1 ? "" : "s") + ", or open the link in the mail.",
+            true};
+}
 ApiError tooManyWaiting() {
     return {503, "TooManyWaiting", "The server is busy; please enter the code from the mail instead.", false};
 }
@@ -72,8 +80,19 @@ ApiError mailFailed() {
 }
 } // namespace api_error
 
+namespace {
+SignInThrottle::Policy throttlePolicy(const ServerConfig& config, int freeStrikes) {
+    return {freeStrikes, std::max(1, config.signInBackOffSeconds), std::max(1, config.signInMaxBackOffSeconds),
+            std::max(1, config.signInForgetSeconds)};
+}
+} // namespace
+
 SignInService::SignInService(const ServerConfig& config, AccountStore& accounts)
-    : config_(config), accounts_(accounts) {
+    : config_(config), accounts_(accounts), clock_([] { return nowSeconds(); }),
+      guessesByEmail_(throttlePolicy(config, config.signInFreeGuessesPerEmail)),
+      guessesByClient_(throttlePolicy(config, config.signInFreeGuessesPerClient)),
+      requestsByEmail_(throttlePolicy(config, config.signInFreeRequestsPerEmail)),
+      requestsByClient_(throttlePolicy(config, config.signInFreeRequestsPerClient)) {
     if (!config_.smtpUrl.empty()) mailer_ = std::make_unique<SmtpMailer>(config_.smtpUrl, config_.smtpFrom);
     db_ = openSqliteDatabase(config_.dataFolder / "accounts.sqlite3");
     exec("CREATE TABLE IF NOT EXISTS sign_in_requests ("
@@ -89,6 +108,24 @@ SignInService::~SignInService() {
 }
 
 void SignInService::exec(const char* sql) { execSqlite(db_, sql, "SignInService"); }
+
+void SignInService::setClock(std::function<std::int64_t()> clock) {
+    std::lock_guard lock(mutex_);
+    clock_ = std::move(clock);
+}
+
+std::string SignInService::clientKey(const std::string& address) {
+    in6_addr v6{};
+    if (address.find(':') == std::string::npos || ::inet_pton(AF_INET6, address.c_str(), &v6) != 1) return address;
+    char text[INET6_ADDRSTRLEN] = {};
+    if (IN6_IS_ADDR_V4MAPPED(&v6)) {
+        ::inet_ntop(AF_INET, v6.s6_addr + 12, text, sizeof text);
+        return text;
+    }
+    std::fill(v6.s6_addr + 8, v6.s6_addr + 16, 0);
+    ::inet_ntop(AF_INET6, &v6, text, sizeof text);
+    return std::string(text) + "/64";
+}
 
 std::string SignInService::normalizeEmail(const std::string& text) {
     auto begin = text.find_first_not_of(" \t");
@@ -109,23 +146,37 @@ std::string SignInService::normalizeEmail(const std::string& text) {
     return email;
 }
 
-std::variant<SignInStarted, ApiError> SignInService::request(const std::string& rawEmail, const std::string& linkBase) {
+std::variant<SignInStarted, ApiError> SignInService::request(const std::string& rawEmail, const std::string& linkBase,
+                                                            const std::string& clientAddress) {
     auto email = normalizeEmail(rawEmail);
     if (email.empty()) return api_error::badRequest("Please enter a valid e-mail address.");
 
     auto uuid = Uuid::random().string();
     auto linkToken = AccountStore::generateToken();
     auto code = sixDigitCode();
-    auto now = nowSeconds();
+    auto client = clientKey(clientAddress);
+    std::int64_t now = 0;
     {
         std::lock_guard lock(mutex_);
+        now = this->now();
         if (stopping_) return api_error::serverStopping();
+        // Every request counts against the address and the client, however it ends: one that expired or was
+        // used up by wrong codes leaves the count where it was, so asking again and again is no way around it.
+        auto wait = requestsByEmail_.waitFor(email, now);
+        if (!client.empty()) wait = std::max(wait, requestsByClient_.waitFor(client, now));
+        if (wait > 0) {
+            log(LogLevel::warning, "SignInService.request() - too many sign-in requests for this address or from "
+                                   "this client; refused for " + std::to_string(wait) + " s");
+            return api_error::signInBackOff(wait);
+        }
         // Old requests are kept a day past their end, then dropped.
         Statement(db_, "DELETE FROM sign_in_requests WHERE expires_at < ?").bind(1, now - 24 * 60 * 60).step();
         Statement open(db_, "SELECT COUNT(*) FROM sign_in_requests WHERE email = ? AND expires_at > ?"
                             " AND state IN ('pending', 'confirmed')");
         open.bind(1, email).bind(2, now).step();
         if (open.integer(0) >= 5) return api_error::tooManySignIns();
+        requestsByEmail_.strike(email, now);
+        if (!client.empty()) requestsByClient_.strike(client, now);
         Statement insert(db_, "INSERT INTO sign_in_requests (uuid, email, link_hash, code_hash, created_at,"
                               " expires_at, attempts_left, state) VALUES (?, ?, ?, ?, ?, ?, ?, 'pending')");
         insert.bind(1, uuid).bind(2, email).bind(3, sha256Hex(linkToken)).bind(4, codeHash(uuid, code));
@@ -174,7 +225,7 @@ void SignInService::setState(const std::string& uuid, const char* state) {
 std::optional<ApiError> SignInService::unusable(const Row& row) const {
     if (row.state == "done") return api_error::signInUsed();
     if (row.state == "exhausted") return api_error::tooManyCodeAttempts();
-    if (row.expiresAt <= nowSeconds()) return api_error::signInExpired();
+    if (row.expiresAt <= now()) return api_error::signInExpired();
     return std::nullopt;
 }
 
@@ -239,7 +290,7 @@ std::variant<SignInConfirmed, ApiError> SignInService::waitForLink(const std::st
             break;
         }
         // The wait also ends when the request expires, so a poll never outlives what it waits for.
-        auto expiry = std::chrono::steady_clock::now() + std::chrono::seconds(row->expiresAt - nowSeconds());
+        auto expiry = std::chrono::steady_clock::now() + std::chrono::seconds(row->expiresAt - now());
         if (waiters->changed.wait_until(lock, std::min(deadline, expiry)) == std::cv_status::timeout &&
             std::chrono::steady_clock::now() >= deadline)
             break;
@@ -249,21 +300,39 @@ std::variant<SignInConfirmed, ApiError> SignInService::waitForLink(const std::st
     return answer;
 }
 
-std::variant<SignInConfirmed, ApiError> SignInService::submitCode(const std::string& uuid, const std::string& code) {
+std::variant<SignInConfirmed, ApiError> SignInService::submitCode(const std::string& uuid, const std::string& code,
+                                                                  const std::string& clientAddress) {
     bool wellFormed = code.size() == 6 && std::all_of(code.begin(), code.end(), [](char c) { return c >= '0' && c <= '9'; });
+    auto client = clientKey(clientAddress);
     std::lock_guard lock(mutex_);
+    auto now = this->now();
     auto row = rowWhere("uuid", uuid);
-    if (!row) return api_error::signInNotFound();
+    if (!row) {
+        // Trying request ids is guessing too.
+        if (!client.empty()) guessesByClient_.strike(client, now);
+        return api_error::signInNotFound();
+    }
     if (auto error = unusable(*row)) return *error;
     if (!wellFormed) return api_error::badRequest("The code has six digits.");
+    auto wait = guessesByEmail_.waitFor(row->email, now);
+    if (!client.empty()) wait = std::max(wait, guessesByClient_.waitFor(client, now));
+    if (wait > 0) {
+        log(LogLevel::warning, "SignInService.submitCode() - code not checked: too many wrong codes for this "
+                               "address or from this client; " + std::to_string(wait) + " s to wait");
+        return api_error::signInBackOff(wait);
+    }
     if (codeHash(uuid, code) == row->codeHash) return finish(*row);
 
+    guessesByEmail_.strike(row->email, now);
+    if (!client.empty()) guessesByClient_.strike(client, now);
     int left = row->attemptsLeft - 1;
     Statement(db_, "UPDATE sign_in_requests SET attempts_left = ? WHERE uuid = ?").bind(1, std::int64_t{left}).bind(2, uuid).step();
     log(LogLevel::warning, "SignInService.submitCode() - wrong code, " + std::to_string(left) + " attempt(s) left");
     if (left > 0) return api_error::wrongCode(left);
-    // The link dies with the code: whoever guesses codes must not keep a way in.
+    // The link dies with the code: whoever guesses codes must not keep a way in. The spent request counts
+    // once more against the address.
     setState(uuid, "exhausted");
+    guessesByEmail_.strike(row->email, now);
     notify(uuid);
     return api_error::tooManyCodeAttempts();
 }

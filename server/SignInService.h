@@ -8,6 +8,7 @@
 // request expires, and its code may be tried a limited number of times.
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "server/AccountStore.h"
 #include "server/ApiError.h"
 #include "server/ServerConfig.h"
+#include "server/SignInThrottle.h"
 #include "server/SmtpMailer.h"
 
 struct sqlite3;
@@ -41,13 +43,17 @@ public:
     SignInService(const SignInService&) = delete;
     SignInService& operator=(const SignInService&) = delete;
 
-    // `linkBase` is the URL the link's token is appended to.
-    std::variant<SignInStarted, ApiError> request(const std::string& email, const std::string& linkBase);
+    // `linkBase` is the URL the link's token is appended to. `client` is the address the request came from
+    // (empty: not counted by client); requests and wrong codes count against it and against the e-mail address.
+    std::variant<SignInStarted, ApiError> request(const std::string& email, const std::string& linkBase,
+                                                  const std::string& client = {});
     // The target of the mailed link.
     std::variant<std::string, ApiError> confirmLink(const std::string& linkToken); // the confirmed address
     // Holds the caller until the link is opened, the request ends, the wait bound passes or shutdown().
     std::variant<SignInConfirmed, ApiError> waitForLink(const std::string& uuid);
-    std::variant<SignInConfirmed, ApiError> submitCode(const std::string& uuid, const std::string& code);
+    // While the address or the client waits out its back-off, the code is not even compared.
+    std::variant<SignInConfirmed, ApiError> submitCode(const std::string& uuid, const std::string& code,
+                                                       const std::string& client = {});
 
     // Wakes every long poll with an answer and refuses new ones; the server calls it before it stops.
     void shutdown();
@@ -56,6 +62,11 @@ public:
     // Lower-cased and trimmed; empty when the text is no usable address (also refusing anything that could
     // break out of a mail header).
     static std::string normalizeEmail(const std::string& text);
+    // The key a client address is counted under: an IPv4 address, or the /64 of an IPv6 address.
+    static std::string clientKey(const std::string& address);
+
+    // The time in seconds since the epoch that requests expire and back-offs end by; tests move it.
+    void setClock(std::function<std::int64_t()> clock);
 
 private:
     struct Row {
@@ -77,10 +88,17 @@ private:
     std::variant<SignInConfirmed, ApiError> finish(const Row& row);
     void notify(const std::string& uuid);
     void exec(const char* sql);
+    std::int64_t now() const { return clock_(); }
 
     ServerConfig config_;
     AccountStore& accounts_;
     std::unique_ptr<SmtpMailer> mailer_;
+    std::function<std::int64_t()> clock_;
+    // Under mutex_.
+    SignInThrottle guessesByEmail_;
+    SignInThrottle guessesByClient_;
+    SignInThrottle requestsByEmail_;
+    SignInThrottle requestsByClient_;
     mutable std::mutex mutex_; // the database connection and the waiters
     sqlite3* db_ = nullptr;
     std::map<std::string, std::shared_ptr<Waiters>> waiters_;
@@ -96,6 +114,7 @@ ApiError signInTimeout();
 ApiError tooManyCodeAttempts();
 ApiError wrongCode(int attemptsLeft);
 ApiError tooManySignIns();
+ApiError signInBackOff(std::int64_t seconds);
 ApiError tooManyWaiting();
 ApiError serverStopping();
 ApiError mailFailed();

@@ -21,6 +21,8 @@ struct EngineDescription {
     std::string name;
     std::vector<std::string> languages; // primary language subtags, lower case ("en")
     bool diarization = false;
+    // Instances can transcribe while the audio arrives (beginIncremental).
+    bool incremental = false;
 };
 
 class EngineError : public std::runtime_error {
@@ -35,12 +37,28 @@ public:
     using EngineError::EngineError;
 };
 
+// A transcription fed while the audio is still arriving. The samples handed to feed(), in any pieces, followed by
+// finish(), give exactly the text transcribe() gives for all of them at once. Holds its engine: the engine serves
+// nothing else until this object is gone. Dropped unfinished, it leaves the engine ready for the next request.
+class IncrementalTranscription {
+public:
+    virtual ~IncrementalTranscription() = default;
+    // Throws EngineError.
+    virtual void feed(std::span<const std::int16_t> samples) = 0;
+    // Once. Throws EngineError.
+    virtual Transcript finish() = 0;
+};
+
 class TranscriptionEngine {
 public:
     virtual ~TranscriptionEngine() = default;
     // 16 kHz mono samples; `language` is one of the description's languages. Throws EngineError (or
     // EngineRequestError).
     virtual Transcript transcribe(std::span<const std::int16_t> samples, const std::string& language) = 0;
+    // Nothing for an engine that needs the whole recording (a remote service). Throws EngineError.
+    virtual std::unique_ptr<IncrementalTranscription> beginIncremental(const std::string& /*language*/) {
+        return nullptr;
+    }
 };
 
 // Makes one instance; may be slow (a model is loaded). Throws EngineError when the engine can't start.

@@ -6,6 +6,9 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <fstream>
 #include <memory>
 
@@ -26,6 +29,28 @@ using Clock = std::chrono::steady_clock;
 
 ApiError fileNotFound() {
     return {404, "FileNotFound", "There is no uploaded file with this id; please upload the file again.", true};
+}
+
+ApiError fileIdTaken() {
+    return {403, "FileIdTaken", "This file id belongs to another account; please upload the file under a new id.",
+            true};
+}
+
+std::int64_t ownerOf(const std::filesystem::path& ownerFile) {
+    std::int64_t owner = -1;
+    std::ifstream(ownerFile) >> owner;
+    return owner;
+}
+
+// An upload id is its first uploader's: the owner file is made exclusively, so of two accounts posting to the
+// same id at once exactly one gets it, and the other can neither replace nor take over its file.
+bool claimUploadId(const std::filesystem::path& ownerFile, std::int64_t account) {
+    int fd = ::open(ownerFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) return errno == EEXIST && ownerOf(ownerFile) == account;
+    auto text = std::to_string(account) + "\n";
+    bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    ::close(fd);
+    return written;
 }
 
 } // namespace
@@ -57,6 +82,14 @@ void BackendServer::handleTranscribe(const httplib::Request& request, httplib::R
     auto chosen = checkTranscriptionQuery(request, response, engine, "BackendServer.handleTranscribe()");
     if (!chosen) return;
     const std::string& language = *chosen;
+
+    // A live stream of this very recording may have finished its text already.
+    if (request.has_header(kLiveStreamHeader)) {
+        if (auto live = takeLiveTranscript(request, *account, language)) {
+            answerTranscript(response, *account, *live, std::move(ai));
+            return;
+        }
+    }
 
     auto lease = slots_.tryAcquire();
     if (!lease) {
@@ -98,7 +131,12 @@ void BackendServer::handleTranscribe(const httplib::Request& request, httplib::R
                             std::to_string(static_cast<int>(audio.seconds() * 1000)) + " ms of audio, decoded in " +
                             ms(recogniseStart - decodeStart) + " ms, recognised in " + ms(done - recogniseStart) +
                             " ms, text: " + std::string(kPrivatized));
-    accounts_.countRequest(account->id);
+    answerTranscript(response, *account, transcript, std::move(ai));
+}
+
+void BackendServer::answerTranscript(httplib::Response& response, const Account& account, const Transcript& transcript,
+                                     std::optional<CompletionRequest> ai) {
+    accounts_.countRequest(account.id);
     nlohmann::json text = {{"text", transcript.text}, {"language", transcript.language}};
     if (!ai) {
         response.set_content(text.dump(), "application/json");
@@ -150,9 +188,16 @@ void BackendServer::handleFileUpload(const httplib::Request& request, httplib::R
         }
     }
     std::filesystem::create_directories(uploadFolder());
+    std::filesystem::permissions(uploadFolder(), std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::replace);
     auto name = uuid->string();
     // A slow upload leaves its partial file alone for long stretches; the clean-up must not take it meanwhile.
     auto busy = janitor_->markBusy(name);
+    if (!claimUploadId(uploadFolder() / (name + ".owner"), account->id)) {
+        log(LogLevel::warning, "BackendServer.handleFileUpload() - upload to another account's file id refused");
+        refuseBody(response, fileIdTaken());
+        return;
+    }
     auto partial = uploadFolder() / (name + ".partial");
     std::ofstream out(partial, std::ios::binary | std::ios::trunc);
     std::uint64_t written = 0;
@@ -176,7 +221,6 @@ void BackendServer::handleFileUpload(const httplib::Request& request, httplib::R
         return;
     }
     std::filesystem::rename(partial, uploadFolder() / (name + ".upload"));
-    std::ofstream(uploadFolder() / (name + ".owner")) << account->id << "\n";
     log(LogLevel::info, "BackendServer.handleFileUpload() - stored " + std::to_string(written) + " bytes as " + name);
     response.set_content(nlohmann::json{{"uuid", name}}.dump(), "application/json");
 }
@@ -190,9 +234,7 @@ void BackendServer::handleFileTranscribe(const httplib::Request& request, httpli
     // Marked before the file is looked for: from here on the clean-up leaves it be until the stream has ended.
     auto busy = std::make_shared<UploadJanitor::Busy>(janitor_->markBusy(name));
     // Another account's file is as unknown as a missing one.
-    std::int64_t owner = -1;
-    if (uuid) std::ifstream(uploadFolder() / (name + ".owner")) >> owner;
-    if (!uuid || owner != account->id || !std::filesystem::exists(file)) {
+    if (!uuid || ownerOf(uploadFolder() / (name + ".owner")) != account->id || !std::filesystem::exists(file)) {
         fileNotFound().applyTo(response);
         return;
     }

@@ -9,8 +9,10 @@
 //            cold launches: the kernel's page cache dropped first, so the program and its libraries come from disk.
 // idle       CPU time and resident memory of 60 s at rest, the floating button shown.
 // dictation  the same over a 60-second held dictation, then the time its transcription takes.
-// latency    a 5-second utterance, from the key's release (the tap's decision) to the text in the application,
-//            split into recorder stop, upload, engine and delivery; the median of five.
+// latency    5, 30 and 60-second utterances with live decoding off and on, side by side: from the key's release to
+//            the text in the application, split into recorder stop, upload, engine wait (recognition, or with live
+//            decoding the wait for the stream's last words) and delivery; and the CPU time of the process
+//            (application and embedded server) during the 60-second dictation and after its release.
 // ai         a dictation on a key with an AI item, the AI service a chat service on loopback that answers at once:
 //            from the completion's arrival in the application to the text in the application in front, and from
 //            the key's release to that text; the median of five.
@@ -58,7 +60,6 @@ constexpr const char* kReady = "Desktop.launch() - ready: the hotkeys are live";
 constexpr const char* kKeyUp = "KeyboardShortcutManager.executeActionForKeyCode() - keyCode: 61, isKeyDown: false";
 constexpr const char* kRecordingStarted = "- preparing finished in";
 constexpr const char* kRecorderFinished = "RecordingAudio.audioRecorderDidFinishRecording() - success: true";
-constexpr const char* kRequestSent = "AudioUploadManager.uploadRecording() - request: ";
 constexpr const char* kAnswer = "AudioUploadManager.uploadRecording() - handle JSON response";
 constexpr const char* kEngine = "BackendServer.handleTranscribe() - ";
 
@@ -85,16 +86,27 @@ std::optional<double> logTime(const std::string& log, const std::string& needle,
     return std::nullopt;
 }
 
-// The engine's own time from its log line ("recognised in 697 ms"), in seconds.
-std::optional<double> engineSeconds(const std::string& log, std::size_t nth) {
+// The engine's own time from its log line ("recognised in 697 ms"), in seconds. An upload answered from its live
+// stream counts the wait for the stream's last words instead ("answered from the live stream, matched in 3 ms");
+// `live` tells which it was.
+std::optional<double> engineSeconds(const std::string& log, std::size_t nth, bool* live = nullptr) {
     std::istringstream in(log);
     std::size_t seen = 0;
     static const std::regex recognised(R"(decoded in ([0-9]+) ms, recognised in ([0-9]+) ms)");
+    static const std::regex matched(R"(answered from the live stream, matched in ([0-9]+) ms)");
     for (std::string line; std::getline(in, line);) {
         if (line.find(kEngine) == std::string::npos) continue;
         std::smatch m;
-        if (!std::regex_search(line, m, recognised) || ++seen < nth) continue;
-        return (std::stod(m[1]) + std::stod(m[2])) / 1000.0;
+        if (std::regex_search(line, m, recognised)) {
+            if (++seen < nth) continue;
+            if (live) *live = false;
+            return (std::stod(m[1]) + std::stod(m[2])) / 1000.0;
+        }
+        if (std::regex_search(line, m, matched)) {
+            if (++seen < nth) continue;
+            if (live) *live = true;
+            return std::stod(m[1]) / 1000.0;
+        }
     }
     return std::nullopt;
 }
@@ -124,6 +136,25 @@ ProcessUse processUse(pid_t pid) {
     for (std::string line; std::getline(status, line);)
         if (line.rfind("VmRSS:", 0) == 0) use.rssKiB = std::stol(line.substr(6));
     return use;
+}
+
+// CPU time of the whole process in seconds, the threads that have ended included (the kernel's account in clock
+// ticks): a dictation's streams and transfers run on threads that end with them.
+double processCpuSeconds(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    const auto afterName = text.rfind(')');
+    if (afterName == std::string::npos) return 0;
+    std::istringstream fields(text.substr(afterName + 2));
+    std::string field;
+    double utime = 0, stime = 0;
+    // State is field 3; utime and stime are fields 14 and 15.
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i == 14) utime = std::stod(field);
+        if (i == 15) stime = std::stod(field);
+    }
+    return (utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 // CPU share and resident memory (mean and peak) of the process over `duration`, sampled each second.
@@ -160,22 +191,24 @@ public:
         feeder.reset();
         server.stop();
     }
-    std::unique_ptr<SprelioApp> launch(const fs::path& home, double& seconds) {
+    std::unique_ptr<SprelioApp> launch(const fs::path& home, double& seconds,
+                                       const std::vector<std::string>& environment = {}) {
         // The log of a home is kept from one launch to the next: this launch's line is the next one.
         const std::size_t launches =
             SprelioApp::countIn(x11test::readFile(home / ".local/share/Sprelio/logs/app_log.txt"), kReady);
         const double started = now();
-        auto app = std::make_unique<SprelioApp>(server, pulse, home);
+        auto app = std::make_unique<SprelioApp>(server, pulse, home, false, environment);
         if (!app->waitForCount(kReady, launches + 1, 60000ms))
             throw std::runtime_error("sprelio did not start: " + app->output());
         seconds = *logTime(app->log(), kReady, launches + 1) - started;
         return app;
     }
     // Sprelio with a held right Alt, our application in front: ready to dictate.
-    std::unique_ptr<SprelioApp> launchForDictation(const fs::path& home, std::optional<std::string> aiItemId = {}) {
+    std::unique_ptr<SprelioApp> launchForDictation(const fs::path& home, std::optional<std::string> aiItemId = {},
+                                                   const std::vector<std::string>& environment = {}) {
         apptest::storeRightAltShortcut(home, true, std::move(aiItemId));
         double seconds = 0;
-        auto app = launch(home, seconds);
+        auto app = launch(home, seconds, environment);
         bringClientForward();
         return app;
     }
@@ -296,31 +329,119 @@ void waitForClipboardBack(SprelioApp& app, std::size_t n) {
     app.waitForCount("restoreOriginalContent() - restoring originalContent", n, 10000ms);
 }
 
-void latency() {
-    Desktop desktop;
-    platform::test::TemporaryFolder home("sprelio-bench");
-    auto app = desktop.launchForDictation(home.path());
-    const auto utterance = apptest::festivalSentence(
-        "Please send the quarterly report to the whole team before the meeting on Thursday afternoon.");
-    std::printf("latency of a %.1f s utterance, release to text (median of 5):\n", utterance.size() / 16000.0);
-    std::map<std::string, std::vector<double>> parts;
-    for (std::size_t n = 1; n <= 5; ++n) {
-        const double arrived = dictateOnce(desktop, *app, utterance, n);
-        app->waitForCount(kAnswer, n, 10000ms);
-        const std::string log = app->log();
-        const auto up = logTime(log, kKeyUp, n), finished = logTime(log, kRecorderFinished, n),
-                   sent = logTime(log, kRequestSent, n), answer = logTime(log, kAnswer, n);
-        const auto engine = engineSeconds(log, n);
-        if (!up || !finished || !sent || !answer || !engine) throw std::runtime_error("a log line is missing");
-        parts["1 recorder stop"].push_back(*finished - *up);
-        parts["2 upload (request out, answer in, less the engine)"].push_back(*answer - *finished - *engine);
-        parts["3 engine (decode and recognise)"].push_back(*engine);
-        parts["4 delivery (answer to text in the application)"].push_back(arrived - *answer);
-        parts["total"].push_back(arrived - *up);
-        waitForClipboardBack(*app, n);
+// Speech of `seconds` exactly: festival's sentences one after the other with a breath between.
+std::vector<float> speechOf(int seconds) {
+    static const std::vector<std::string> sentences = {
+        "Please send the quarterly report to the whole team before the meeting on Thursday afternoon.",
+        "The weather today is sunny with a light wind from the west.",
+        "We will meet at the office tomorrow morning at nine o clock.",
+        "After the meeting we can have lunch at the small restaurant near the river.",
+        "The train to the city leaves every hour from the main station."};
+    std::vector<float> speech;
+    for (std::size_t i = 0; speech.size() < static_cast<std::size_t>(seconds) * 16000; ++i) {
+        const auto sentence = apptest::festivalSentence(sentences[i % sentences.size()]);
+        if (sentence.empty()) throw std::runtime_error("festival could not speak");
+        speech.insert(speech.end(), sentence.begin(), sentence.end());
+        speech.insert(speech.end(), 6400, 0.0f);
     }
-    for (const auto& [name, values] : parts) std::printf("  %-52s %7.1f ms\n", name.c_str(), median(values) * 1000);
-    app->stop();
+    speech.resize(static_cast<std::size_t>(seconds) * 16000);
+    return speech;
+}
+
+// Release to text for 5, 30 and 60 s utterances with live decoding off and on, each on its own launch of the
+// application (the embedded server's option is read at start); the 60 s dictation's CPU use is measured too.
+void latency() {
+    struct Length {
+        int seconds;
+        std::size_t repeats;
+        std::vector<float> speech;
+    };
+    std::vector<Length> lengths = {{5, 3, speechOf(5)}, {30, 2, speechOf(30)}, {60, 1, speechOf(60)}};
+    struct Mode {
+        const char* name;
+        std::vector<std::string> environment;
+    };
+    const std::vector<Mode> modes = {{"off", {"SPRELIO_LIVE_DECODING=off"}}, {"on", {}}};
+    // parts[length][part][mode]
+    std::map<int, std::map<std::string, std::map<std::string, std::vector<double>>>> parts;
+    std::map<std::string, std::string> cpu;
+    std::map<std::string, std::size_t> answeredLive;
+    for (const auto& mode : modes) {
+        Desktop desktop;
+        platform::test::TemporaryFolder home("sprelio-bench");
+        auto app = desktop.launchForDictation(home.path(), std::nullopt, mode.environment);
+        std::size_t n = 0;
+        for (const auto& length : lengths) {
+            for (std::size_t r = 0; r < length.repeats; ++r) {
+                ++n;
+                const auto before = desktop.client->textSize();
+                desktop.server.run("xdotool keydown Alt_R");
+                if (!app->waitForCount(kRecordingStarted, n)) throw std::runtime_error("the recording did not start");
+                if (length.seconds == 60) {
+                    // The whole process: the application and its embedded server, which runs on its threads.
+                    const auto at = desktop.feeder->play(length.speech);
+                    const auto end = at + static_cast<std::int64_t>(length.speech.size()) + 300 * 16;
+                    const double start = processCpuSeconds(app->pid());
+                    const double began = now();
+                    x11test::waitFor([&] { return desktop.feeder->framesWritten() >= end; }, 180000ms);
+                    const double stop = processCpuSeconds(app->pid());
+                    const double wall = now() - began;
+                    char line[160];
+                    std::snprintf(line, sizeof line, "CPU %.0f ms in %.0f s (%.1f %% of one core)",
+                                  (stop - start) * 1000, wall, 100.0 * (stop - start) / wall);
+                    cpu[mode.name] = line;
+                } else {
+                    desktop.play(length.speech, 300ms);
+                }
+                const double cpuAtRelease = processCpuSeconds(app->pid());
+                desktop.server.run("xdotool keyup Alt_R");
+                if (!x11test::waitFor([&] { return desktop.client->textSize() > before; }, 180000ms))
+                    throw std::runtime_error("no text arrived");
+                const double arrived = now();
+                if (length.seconds == 60) {
+                    char line[120];
+                    std::snprintf(line, sizeof line, "; from the release to the text %.0f ms",
+                                  (processCpuSeconds(app->pid()) - cpuAtRelease) * 1000);
+                    cpu[mode.name] += line;
+                }
+                app->waitForCount(kAnswer, n, 10000ms);
+                const std::string log = app->log();
+                const auto up = logTime(log, kKeyUp, n), finished = logTime(log, kRecorderFinished, n),
+                           answer = logTime(log, kAnswer, n);
+                bool live = false;
+                const auto engine = engineSeconds(log, n, &live);
+                if (!up || !finished || !answer || !engine) throw std::runtime_error("a log line is missing");
+                answeredLive[mode.name] += live ? 1 : 0;
+                auto& row = parts[length.seconds];
+                row["1 recorder stop"][mode.name].push_back(*finished - *up);
+                row["2 upload (request out, answer in, less the engine)"][mode.name].push_back(*answer - *finished -
+                                                                                               *engine);
+                row["3 engine wait (recognise, or the live stream's end)"][mode.name].push_back(*engine);
+                row["4 delivery (answer to text in the application)"][mode.name].push_back(arrived - *answer);
+                row["total"][mode.name].push_back(arrived - *up);
+                waitForClipboardBack(*app, n);
+            }
+        }
+        app->stop();
+    }
+    std::printf("release to text, live decoding off and on (median of the repeats; ms):\n");
+    for (const auto& length : lengths) {
+        std::printf("  %d s utterance (%zu dictation%s each)%*s %9s %9s\n", length.seconds, length.repeats,
+                    length.repeats == 1 ? "" : "s", length.repeats == 1 ? 23 : 22, "", "off", "on");
+        for (const auto& [name, byMode] : parts[length.seconds]) {
+            const auto find = [&](const char* mode) {
+                auto found = byMode.find(mode);
+                return found == byMode.end() ? 0.0 : median(found->second) * 1000;
+            };
+            std::printf("    %-52s %9.1f %9.1f\n", name.c_str(), find("off"), find("on"));
+        }
+    }
+    for (const auto& mode : modes)
+        std::printf("  answered from the live stream with it %-4s %zu of %zu\n", mode.name, answeredLive[mode.name],
+                    lengths[0].repeats + lengths[1].repeats + lengths[2].repeats);
+    for (const auto& mode : modes)
+        std::printf("  60 s dictation, live decoding %-4s (application and embedded server): %s\n", mode.name,
+                    cpu[mode.name].c_str());
 }
 
 void ai() {

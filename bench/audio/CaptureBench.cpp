@@ -7,10 +7,17 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <thread>
 #include <vector>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include "../../tests/audio/PulseDaemon.h"
 #include "audio/CaptureRecordingAudio.h"
+#include "platform/linux/CurlStreamingUpload.h"
 #include "platform/linux/PulseAudioCapture.h"
 #include "platform/linux/PulseAudioConnection.h"
 #include "platform/loop/RealTimeLoop.h"
@@ -84,6 +91,71 @@ struct Completion {
     bool success = false;
 };
 
+
+// A loopback listener that takes each connection's bytes and throws them away: the far end of a live stream, so
+// that the recorder's packets really travel through the streaming transport while it records.
+class DiscardingListener {
+public:
+    DiscardingListener() {
+        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        ::listen(fd_, 16);
+        socklen_t length = sizeof address;
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] {
+            for (;;) {
+                const int connection = ::accept(fd_, nullptr, nullptr);
+                if (connection < 0) return;
+                std::thread([connection] {
+                    char buffer[4096];
+                    while (::recv(connection, buffer, sizeof buffer, 0) > 0) {
+                    }
+                    ::close(connection);
+                }).detach();
+            }
+        });
+    }
+    ~DiscardingListener() {
+        ::shutdown(fd_, SHUT_RDWR);
+        ::close(fd_);
+        thread_.join();
+    }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/transcribe/live"; }
+
+private:
+    int fd_ = -1;
+    int port_ = 0;
+    std::thread thread_;
+};
+
+// What the live stream does with each packet on the capture's thread: frames it and hands it to the transfer.
+class StreamingSink final : public sprelio::RecordingPacketSink {
+public:
+    explicit StreamingSink(std::shared_ptr<sprelio::platform::StreamingUpload> upload) : upload_(std::move(upload)) {}
+    void packet(const std::uint8_t* data, std::size_t size) override {
+        std::string framed;
+        framed += static_cast<char>(size >> 8);
+        framed += static_cast<char>(size & 0xff);
+        framed.append(reinterpret_cast<const char*>(data), size);
+        upload_->write(std::move(framed));
+        ++packets;
+    }
+    void ended(bool complete) override {
+        if (complete)
+            upload_->finish();
+        else
+            upload_->cancel();
+    }
+    std::atomic<int> packets{0};
+
+private:
+    std::shared_ptr<sprelio::platform::StreamingUpload> upload_;
+};
+
 } // namespace
 
 int runCaptureBench() {
@@ -123,9 +195,14 @@ int runCaptureBench() {
                !daemon.pactl("list short source-outputs").out.empty();
     });
 
+    platform::RealTimeLoop streamLoop;
+    platform::CurlStreamingUploadClient streams(streamLoop);
+    DiscardingListener farEnd;
+    std::shared_ptr<StreamingSink> liveSink;
     auto recordOnce = [&](const std::string& name, std::chrono::milliseconds length, double* startMs,
                           std::int64_t* fedAtRecord, std::int64_t* fedAtStop) {
         auto recorder = factory.makeCaptureRecordingAudio(dir / name);
+        if (liveSink) recorder->setPacketSink(liveSink);
         Completion done;
         recorder->setOnRecordingCompletion([&done](const std::filesystem::path&, bool ok) {
             std::lock_guard guard(done.mutex);
@@ -164,37 +241,59 @@ int runCaptureBench() {
                 cold, percentile(starts, 0.5), percentile(starts, 0.95), *std::max_element(starts.begin(), starts.end()));
 
     // Audio lost at the ends, in ms of the fed signal: fed frames current at record() (stop()) that precede
-    // (follow) what the file holds. Negative means the file holds more.
-    std::vector<double> startLoss, endLoss;
-    for (int i = 0; i < 10; ++i) {
-        double ms = 0;
-        std::int64_t fedAtRecord = 0, fedAtStop = 0;
-        const std::string name = "loss" + std::to_string(i) + ".caf";
-        if (!recordOnce(name, 1000ms, &ms, &fedAtRecord, &fedAtStop)) {
-            std::printf("recording %d failed\n", i);
-            continue;
+    // (follow) what the file holds. Negative means the file holds more. Inside: fed frames between the file's first
+    // and last that the file lacks (dropped buffers). Once as is, once with each recording's packets streamed live
+    // over the streaming transport while it records.
+    for (const bool live : {false, true}) {
+        std::vector<double> startLoss, endLoss, insideLoss;
+        int streamed = 0;
+        for (int i = 0; i < 10; ++i) {
+            double ms = 0;
+            std::int64_t fedAtRecord = 0, fedAtStop = 0;
+            const std::string name = std::string(live ? "live" : "loss") + std::to_string(i) + ".caf";
+            if (live) {
+                platform::HttpRequest request;
+                request.method = "POST";
+                request.url = farEnd.url();
+                request.timeout = std::chrono::seconds(5);
+                liveSink = std::make_shared<StreamingSink>(streams.start(std::move(request), {}));
+            }
+            if (!recordOnce(name, 1000ms, &ms, &fedAtRecord, &fedAtStop)) {
+                std::printf("recording %d failed\n", i);
+                continue;
+            }
+            if (liveSink) streamed += liveSink->packets.load();
+            liveSink.reset();
+            const auto decoded = audio_test::ffmpegDecode(dir / name);
+            if (decoded.exitCode != 0 || decoded.samples.size() < 4000) continue;
+            const long n = long(decoded.samples.size());
+            const long window = 800;
+            // The first packets may carry the decoder's warm-up; look a little into the file and count back.
+            const long headFrom = 400;
+            const long headAt = locate(chirp, long(fedAtRecord - chirpAt) + headFrom, decoded.samples, headFrom, window);
+            const long tailFrom = n - window - 400;
+            const long tailAt = locate(chirp, long(fedAtStop - chirpAt) - window - 400, decoded.samples, tailFrom, window);
+            const double firstFed = double(headAt - headFrom);             // chirp index of the file's first frame
+            const double lastFed = double(tailAt + (n - 1 - tailFrom));     // chirp index of the file's last frame
+            startLoss.push_back((firstFed - double(fedAtRecord - chirpAt)) / 16.0);
+            endLoss.push_back((double(fedAtStop - chirpAt) - 1 - lastFed) / 16.0);
+            insideLoss.push_back((lastFed - firstFed + 1 - double(n)) / 16.0);
         }
-        const auto decoded = audio_test::ffmpegDecode(dir / name);
-        if (decoded.exitCode != 0 || decoded.samples.size() < 4000) continue;
-        const long n = long(decoded.samples.size());
-        const long window = 800;
-        // The first packets may carry the decoder's warm-up; look a little into the file and count back.
-        const long headFrom = 400;
-        const long headAt = locate(chirp, long(fedAtRecord - chirpAt) + headFrom, decoded.samples, headFrom, window);
-        const long tailFrom = n - window - 400;
-        const long tailAt = locate(chirp, long(fedAtStop - chirpAt) - window - 400, decoded.samples, tailFrom, window);
-        const double firstFed = double(headAt - headFrom);             // chirp index of the file's first frame
-        const double lastFed = double(tailAt + (n - 1 - tailFrom));     // chirp index of the file's last frame
-        startLoss.push_back((firstFed - double(fedAtRecord - chirpAt)) / 16.0);
-        endLoss.push_back((double(fedAtStop - chirpAt) - 1 - lastFed) / 16.0);
-    }
-    if (!startLoss.empty()) {
-        std::printf("audio lost at the start (fed at record() but not in the file), %zu recordings: median %.1f ms, "
-                    "max %.1f ms\n",
-                    startLoss.size(), percentile(startLoss, 0.5), *std::max_element(startLoss.begin(), startLoss.end()));
-        std::printf("audio lost at the end (fed before stop() but not in the file), %zu recordings: median %.1f ms, "
-                    "max %.1f ms\n",
-                    endLoss.size(), percentile(endLoss, 0.5), *std::max_element(endLoss.begin(), endLoss.end()));
+        if (!startLoss.empty()) {
+            const char* how = live ? " [live stream on]" : "";
+            std::printf("audio lost at the start (fed at record() but not in the file), %zu recordings%s: median %.1f ms, "
+                        "max %.1f ms\n",
+                        startLoss.size(), how, percentile(startLoss, 0.5),
+                        *std::max_element(startLoss.begin(), startLoss.end()));
+            std::printf("audio lost at the end (fed before stop() but not in the file), %zu recordings%s: median %.1f ms, "
+                        "max %.1f ms\n",
+                        endLoss.size(), how, percentile(endLoss, 0.5), *std::max_element(endLoss.begin(), endLoss.end()));
+            std::printf("audio missing inside (between the file's first and last fed frame), %zu recordings%s: median "
+                        "%.1f ms, max %.1f ms\n",
+                        insideLoss.size(), how, percentile(insideLoss, 0.5),
+                        *std::max_element(insideLoss.begin(), insideLoss.end()));
+            if (live) std::printf("packets streamed live meanwhile: %d\n", streamed);
+        }
     }
     ::kill(listener, SIGKILL);
     ::waitpid(listener, nullptr, 0);

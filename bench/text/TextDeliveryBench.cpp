@@ -13,20 +13,8 @@
 
 #include "BenchDoubles.h"
 #include "base/Log.h"
-#include "input/KeyCodes.h"
 #include "platform/X11TestSupport.h"
-#include "platform/linux/X11Clipboard.h"
-#include "platform/linux/X11GlobalInput.h"
-#include "platform/linux/X11KeyboardLayout.h"
-#include "platform/linux/X11SyntheticKeyboard.h"
-#include "platform/linux/X11Workspace.h"
-#include "platform/loop/RealTimeLoop.h"
-#include "platform/test/TestPlatform.h"
-#include "store/AppConstants.h"
-#include "store/Settings.h"
-#include "store/SettingsStore.h"
-#include "text/AccesibilityControllerImpl.h"
-#include "text/ClipboardHelper.h"
+#include "text/X11TextDeliveryStack.h"
 
 using namespace std::chrono_literals;
 using namespace sprelio;
@@ -65,45 +53,17 @@ std::string dictation(std::size_t count) {
 struct Desktop {
     QuietSink sink;
     x11test::XServer server;
-    platform::RealTimeLoop loop;
-    platform::test::TestPlatform folders;
-    store::AppConstants constants{folders};
-    store::MemorySettingsStore defaults;
-    store::Settings settings{defaults, constants};
-    std::unique_ptr<platform::X11GlobalInput> input;
-    std::unique_ptr<platform::X11Clipboard> clipboard;
-    std::unique_ptr<platform::X11SyntheticKeyboard> keyboard;
-    std::unique_ptr<platform::X11KeyboardLayout> layout;
-    std::unique_ptr<KeyCodes> keyCodes;
-    std::unique_ptr<platform::X11Workspace> workspace;
-    std::unique_ptr<ClipboardHelper> helper;
-    std::unique_ptr<AccesibilityControllerImpl> controller;
+    texttest::X11TextDeliveryStack delivery;
     bool ready = false;
 
     Desktop() {
         setLogSink(&sink);
         if (!server.ready() || !server.startWindowManager()) return;
-        input = std::make_unique<platform::X11GlobalInput>(loop, server.name());
-        clipboard = std::make_unique<platform::X11Clipboard>(loop, server.name());
-        keyboard = std::make_unique<platform::X11SyntheticKeyboard>(server.name(), input.get());
-        layout = std::make_unique<platform::X11KeyboardLayout>(loop, server.name());
-        keyCodes = std::make_unique<KeyCodes>(*layout);
-        workspace = std::make_unique<platform::X11Workspace>(loop, server.name());
-        helper = std::make_unique<ClipboardHelper>(
-            ClipboardHelperDependencies{loop, *clipboard, *keyboard, *workspace, constants, [] { return true; }});
-        controller = std::make_unique<AccesibilityControllerImpl>(AccesibilityControllerDependencies{
-            loop, settings, *workspace, constants, *helper, *keyboard, *keyCodes, *layout});
+        delivery.start(server.name(), true);
         ready = true;
     }
     ~Desktop() {
-        controller.reset();
-        helper.reset();
-        workspace.reset();
-        keyCodes.reset();
-        layout.reset();
-        keyboard.reset();
-        clipboard.reset();
-        input.reset();
+        delivery.stop();
         server.stop();
         setLogSink(nullptr);
     }
@@ -115,10 +75,10 @@ struct Desktop {
         std::weak_ptr<std::function<void()>> weak = tick;
         *tick = [this, active, weak] {
             if (!*active) return;
-            if (auto self = weak.lock()) loop.postAfter(200us, [self] { (*self)(); });
+            if (auto self = weak.lock()) delivery.loop.postAfter(200us, [self] { (*self)(); });
         };
         (*tick)();
-        const bool held = loop.runUntil(condition, timeout);
+        const bool held = delivery.loop.runUntil(condition, timeout);
         *active = false;
         return held;
     }
@@ -140,7 +100,7 @@ void deliver(benchmark::State& state, const std::string& className) {
     options.className = className;
     x11test::TestClient client(d.server, options);
     if (!client.waitUntilFocused() || !d.until([&] {
-            const auto front = d.workspace->frontmostApplication();
+            const auto front = d.delivery.workspace->frontmostApplication();
             return front && front->processIdentifier == client.pid();
         }, 10s)) {
         state.SkipWithError("the client did not come to the front");
@@ -151,7 +111,7 @@ void deliver(benchmark::State& state, const std::string& className) {
     for (auto _ : state) {
         expected += text;
         const auto start = std::chrono::steady_clock::now();
-        d.controller->injectTextViaPaste(text, std::nullopt);
+        d.delivery.controller->injectTextViaPaste(text, std::nullopt);
         if (!d.until([&] { return client.textSize() >= expected.size(); }, 120s)) {
             state.SkipWithError("the text did not arrive");
             return;

@@ -150,7 +150,9 @@ struct IntelligenceManager::Walk {
     std::vector<AIServerItem> servers;
     std::size_t index = 0;
     Completion completion;
-    std::shared_ptr<platform::HttpTask> task;
+    // Not owned: the request's completion holds this walk, and a walk holding its request would keep both alive
+    // for good once the manager is gone and the completion never runs. inFlight_ owns the tasks.
+    std::weak_ptr<platform::HttpTask> task;
 };
 
 IntelligenceManager::IntelligenceManager(Dependencies deps) : deps_(std::move(deps)) {
@@ -163,6 +165,7 @@ IntelligenceManager::~IntelligenceManager() {
     for (const auto& task : inFlight_) {
         if (task) task->cancel();
     }
+    inFlight_.clear();
 }
 
 void IntelligenceManager::setAIServerItems(std::vector<AIServerItem> items) {
@@ -269,17 +272,18 @@ void IntelligenceManager::tryServer(const std::shared_ptr<Walk>& walk) {
     request.timeout = kRequestTimeout;
     request.headers = {{"Authorization", "Bearer " + *token}, {"Content-Type", "application/json"}};
     request.body = platform::HttpBody::fromBytes(std::move(body));
-    walk->task = deps_.http.send(std::move(request), lifetime_.guard([this, walk](platform::HttpResult result) {
+    auto task = deps_.http.send(std::move(request), lifetime_.guard([this, walk](platform::HttpResult result) {
         handleAnswer(walk, std::move(result));
     }));
-    if (walk->task) inFlight_.push_back(walk->task);
+    walk->task = task;
+    if (task) inFlight_.push_back(std::move(task));
 }
 
 void IntelligenceManager::handleAnswer(const std::shared_ptr<Walk>& walk, platform::HttpResult result) {
-    if (walk->task) {
-        inFlight_.erase(std::remove(inFlight_.begin(), inFlight_.end(), walk->task), inFlight_.end());
-        walk->task.reset();
+    if (const auto task = walk->task.lock()) {
+        inFlight_.erase(std::remove(inFlight_.begin(), inFlight_.end(), task), inFlight_.end());
     }
+    walk->task.reset();
 
     if (auto* failure = std::get_if<Error>(&result)) return next(walk, AICompletionError::requestError(*failure));
 

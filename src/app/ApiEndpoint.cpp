@@ -26,6 +26,11 @@ std::unique_ptr<ApiEndpoint> ApiEndpoint::resolve(store::Settings& settings, con
     config.port = 0;
     config.dataFolder = constants.appSupportFolder() / "server";
     configureAi(settings, config);
+    // Decoding while the user speaks is on unless the environment turns it off (to compare, or to rule it out).
+    if (const char* live = std::getenv(kLiveDecodingVariable); live && std::string(live) == "off")
+        config.liveDecoding = false;
+    if (const char* limit = std::getenv(kLiveDecodingMaxSecondsVariable); limit && std::atoi(limit) > 0)
+        config.liveMaxSeconds = std::atoi(limit);
     try {
         endpoint->server_ = std::make_unique<server::BackendServer>(config);
         endpoint->server_->start();

@@ -21,6 +21,10 @@ struct ServerConfig;
 namespace app {
 
 inline constexpr const char* kEmbeddedApi = "embedded";
+// "off": the embedded server does not decode dictations while they are recorded.
+inline constexpr const char* kLiveDecodingVariable = "SPRELIO_LIVE_DECODING";
+// Seconds after which the embedded server ends a live stream (its upload is then transcribed the ordinary way).
+inline constexpr const char* kLiveDecodingMaxSecondsVariable = "SPRELIO_LIVE_DECODING_MAX_SECONDS";
 inline constexpr const char* kApiBaseURLVariable = "SPRELIO_API_BASE_URL";
 inline constexpr const char* kLocalAiURLVariable = "SPRELIO_LOCAL_AI_URL";
 

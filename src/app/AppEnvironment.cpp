@@ -1,5 +1,7 @@
 #include "app/AppEnvironment.h"
 
+#include <cstdio>
+
 namespace sprelio::app {
 
 namespace {
@@ -16,12 +18,24 @@ AppEnvironment::AppEnvironment()
     : constants_(folders_),
       logManager_(startLog(systemLog_, clock_, constants_)),
       settingsStore_(constants_.settingsFile()),
-      settings_(settingsStore_, constants_) {}
+      settings_(settingsStore_, constants_) {
+    if (const auto& aside = settingsStore_.movedAsideTo(); !aside.empty())
+        notice("The settings file was damaged. " + constants_.appName() + " keeps it at " + aside.string() +
+               " and starts with the default settings.");
+}
 
 store::PersistenceController& AppEnvironment::persistence() {
-    if (!store::PersistenceController::isInstalled())
-        return store::PersistenceController::install(constants_.appSupportFolder());
-    return store::PersistenceController::shared();
+    if (store::PersistenceController::isInstalled()) return store::PersistenceController::shared();
+    auto& controller = store::PersistenceController::install(constants_.appSupportFolder());
+    if (const auto& aside = controller.movedAsideTo(); !aside.empty())
+        notice("The file of your history, shortcuts and presets was damaged. " + constants_.appName() +
+               " keeps it at " + aside.string() + " and started a new one.");
+    return controller;
+}
+
+void AppEnvironment::notice(std::string text) {
+    std::fprintf(stderr, "%s\n", text.c_str());
+    damagedFileNotices_.push_back(std::move(text));
 }
 
 AppEnvironment::~AppEnvironment() {

@@ -65,6 +65,9 @@ Commands:
                                 recordAndProcessWithAI, copyTextAndAskAI, showHistory, ...)
   shortcuts remove ID           remove a hotkey
   shortcuts reset               the default hotkeys in place of yours
+  shortcuts press|release|tap [ID]
+                                the hotkey's key goes down, up, or both in the running Sprelio, as if pressed
+                                (the dictation hotkey without ID): for a compositor's key binding on Wayland
   history list                  the history, newest first: [ID], level, date, duration, recording, text
   history retry ID              transcribe an entry's recording again (a success adds a new entry)
   history remove ID             remove an entry and its recording

@@ -29,6 +29,7 @@
 #include "audio/MicrophoneManagerImpl.h"
 #include "backend/BalancingManager.h"
 #include "backend/HttpAudioUploadManager.h"
+#include "backend/LiveDictationStreams.h"
 #include "backend/FileUploadManager.h"
 #include "app/FilesRemoteCommand.h"
 #include "files/FilesMenuViewModel.h"
@@ -42,6 +43,7 @@
 #include "core/AppShortcutSession.h"
 #include "core/ContinuousSpeechManagerImpl.h"
 #include "diagnostics/HistoryManagerImpl.h"
+#include "diagnostics/InterruptedRecordings.h"
 #include "ui/AIActionsList.h"
 #include "ui/SendReportViewModel.h"
 #include "ui/HistoryViewModel.h"
@@ -57,8 +59,14 @@
 #include "input/KeyboardShortcutManager.h"
 #include "input/MouseShortcutManager.h"
 #include "input/ShortcutActionDispatcher.h"
+#include "input/ShortcutTrigger.h"
 #include "platform/linux/CurlHttpClient.h"
+#include "platform/linux/CurlStreamingUpload.h"
 #include "platform/linux/DesktopSession.h"
+#include "platform/linux/SwayWorkspace.h"
+#include "platform/linux/WaylandClipboard.h"
+#include "platform/linux/WaylandDesktop.h"
+#include "platform/linux/WaylandSyntheticKeyboard.h"
 #include "platform/linux/NetlinkNetworkMonitor.h"
 #include "platform/linux/PulseAudioCapture.h"
 #include "platform/linux/PulseAudioConnection.h"
@@ -91,6 +99,7 @@
 #include "platform/qt/QtToastPresenter.h"
 #include "platform/qt/SingleInstance.h"
 #include "platform/qt/ShortcutEditor.h"
+#include "app/RunMarker.h"
 #include "app/ShortcutCommands.h"
 #include "ui/ShortcutRows.h"
 #include "ai/IntelligenceItems.h"
@@ -184,6 +193,7 @@ public:
     Desktop& operator=(const Desktop&) = delete;
 
     void launch();
+    void recoverInterruptedRecordings(std::chrono::system_clock::time_point since);
     // Sprelio was started again: its main window comes forward on the selected tab.
     void reopen();
     // The commands a terminal sends to this running instance ("sprelio continuous start", ...).
@@ -219,15 +229,34 @@ private:
     platform::PulseSoundPlayer sounds_{pulse_};
     platform::PulseSystemAudio systemAudio_;
     platform::X11GlobalInput input_{loop_};
-    platform::X11Workspace workspace_{loop_, "", kBundleIdentifier};
-    platform::X11Clipboard clipboard_{loop_};
-    platform::X11SyntheticKeyboard keyboard_{"", &input_};
+    platform::X11Workspace x11Workspace_{loop_, "", kBundleIdentifier};
+    platform::X11Clipboard x11Clipboard_{loop_};
+    platform::X11SyntheticKeyboard x11Keyboard_{"", &input_};
+    // In a Wayland session the text goes to native applications through the compositor (wl-copy, wtype) and the
+    // window in front is the compositor's; Sprelio's own windows and its X11 hotkeys stay on Xwayland.
+    std::optional<platform::WaylandDesktopOffer> waylandOffer_ =
+        platform::detectWaylandSession() ? std::optional(platform::probeWaylandDesktop()) : std::nullopt;
+    std::unique_ptr<platform::WaylandClipboard> waylandClipboard_ =
+        waylandOffer_ ? std::make_unique<platform::WaylandClipboard>(loop_, &x11Clipboard_) : nullptr;
+    std::unique_ptr<platform::WaylandSyntheticKeyboard> waylandKeyboard_ =
+        waylandOffer_ ? std::make_unique<platform::WaylandSyntheticKeyboard>(waylandOffer_->virtualKeyboard) : nullptr;
+    std::unique_ptr<platform::SwayWorkspace> swayWorkspace_ =
+        waylandOffer_ ? std::make_unique<platform::SwayWorkspace>(x11Workspace_, kBundleIdentifier) : nullptr;
+    platform::Workspace& workspace_ =
+        swayWorkspace_ ? static_cast<platform::Workspace&>(*swayWorkspace_) : x11Workspace_;
+    platform::WorkspaceNotifications& workspaceNotifications_ =
+        swayWorkspace_ ? static_cast<platform::WorkspaceNotifications&>(*swayWorkspace_) : x11Workspace_;
+    platform::Clipboard& clipboard_ =
+        waylandClipboard_ ? static_cast<platform::Clipboard&>(*waylandClipboard_) : x11Clipboard_;
+    platform::SyntheticKeyboard& keyboard_ =
+        waylandKeyboard_ ? static_cast<platform::SyntheticKeyboard&>(*waylandKeyboard_) : x11Keyboard_;
     platform::X11KeyboardLayout layout_{loop_};
     platform::LogindWakeMonitor wake_{loop_};
     platform::ScreenWakeMonitor screenWake_{loop_};
     WakeRelay wakeRelay_;
     platform::NetlinkNetworkMonitor network_;
     platform::CurlHttpClient http_{loop_};
+    platform::CurlStreamingUploadClient streamingHttp_{loop_};
     platform::FileManagerReveal reveal_;
     platform::XdgAutostart autostart_{env_.folders().configHome(), platform::currentExecutable()};
     platform::Platform platform_{loop_,     workers_,  clock_,      workspace_, sounds_, audioDevices_,
@@ -277,6 +306,7 @@ private:
     std::unique_ptr<platform::MainWindow> mainWindow_;
     std::unique_ptr<platform::QtAppEventMonitor> eventMonitor_;
     std::unique_ptr<NotifyingHistory> history_;
+    RunMarker runMarker_{env_.constants().appSupportFolder() / "running"};
     std::unique_ptr<IntelligenceManager> intelligenceManager_;
     std::unique_ptr<IntelligenceViewModelImpl> intelligence_;
     std::unique_ptr<IntelligenceResultsView> resultsView_;
@@ -296,6 +326,7 @@ private:
     std::unique_ptr<FloatingRecordView> ring_;
     std::unique_ptr<FloatingButtonController> floatingButton_;
     std::shared_ptr<HttpAudioUploadManager> sessionUpload_;
+    std::unique_ptr<LiveDictationStreams> liveDictation_;
     std::shared_ptr<HttpAudioUploadManager> historyUpload_;
     std::unique_ptr<AppDelegate> app_;
     std::unique_ptr<AppShortcutSession> session_;
@@ -308,6 +339,8 @@ private:
     std::unique_ptr<EventTapManager> tap_;
     std::unique_ptr<KeyShortcutRecorder> recorder_;
     std::unique_ptr<ShortcutRows> shortcutRows_;
+    // `sprelio shortcuts press|release|tap`: the keys of a compositor binding.
+    std::unique_ptr<ShortcutTrigger> trigger_;
     std::unique_ptr<FrontmostAppTracker> frontmostTracker_;
 
     // ---- Tray and life cycle ----
@@ -351,6 +384,13 @@ Desktop::Desktop()
     if (!endpoint_) {
         logError("Desktop.init() - the account API can't be used: " + endpointError);
         messages_.showAlertForError(SPRStringError::errorMessageError(std::nullopt, endpointError).toError());
+    }
+    for (const auto& text : env_.damagedFileNotices()) {
+        SPRToastView toast;
+        toast.messageTitle = "A damaged file was set aside";
+        toast.messageText = text;
+        toast.warningLevel = SPRToastViewWarningLevel::warning;
+        messages_.showSPRToast(std::move(toast));
     }
     // A newer build's store is used as it is (nothing is converted or dropped); the user should know why some of
     // what that build saved may not show here.
@@ -475,10 +515,13 @@ Desktop::Desktop()
         loop_, screens_, workspace_, pointer_, windowList_, panelFactory_, settings(), appState_, *actions_, hitTest_,
         std::move(host)});
     sessionUpload_ = makeUploadManager(true);
+    liveDictation_ = std::make_unique<LiveDictationStreams>(LiveDictationStreams::Dependencies{
+        loop_, streamingHttp_, balancing_, appState_, settings(), *sessionUpload_});
+    sessionUpload_->setLiveStreams(liveDictation_.get());
     app_ = std::make_unique<AppDelegate>(AppDelegateDependencies{
         platform_, settings(), appState_, mirror_, messages_, recorders_, *microphones_, *sessionUpload_,
         substitutions_, accessibility_, *intelligence_, *continuousSpeech_, *history_, *resultsView_,
-        kBundleIdentifier, [this] { cache_.update(context_); }});
+        kBundleIdentifier, [this] { cache_.update(context_); }, liveDictation_.get()});
     // The ring offers the AI picker's items.
     ringModel_ = std::make_unique<FloatingRecordViewModel>(loop_, settings(), RadialMenuCatalogue{
         [this] {
@@ -595,6 +638,10 @@ Desktop::Desktop()
         loop_, appState_, &cache_, [this] { return tap_ && tap_->shouldHandleAsGlobal(); },
         [this](const std::string& caller) { checkUsability(caller); }});
     mouseManager_->setActionDispatcher(actions_.get());
+    trigger_ = std::make_unique<ShortcutTrigger>(ShortcutTriggerDependencies{
+        *keyboardManager_, hotKeys_, *mouseManager_, cache_, [this] {
+            return std::chrono::duration<double>(clock_.steadyNow().time_since_epoch()).count();
+        }});
     // The overlay's panels take their own clicks: the tap has no regions to test.
     tap_ = std::make_unique<EventTapManager>(EventTapManagerDependencies{
         loop_, input_, sounds_, workspace_, mirror_, *keyboardManager_, *mouseManager_, kBundleIdentifier,
@@ -624,7 +671,7 @@ Desktop::Desktop()
                 const auto front = workspace_.frontmostApplication();
                 return front && front->bundleIdentifier == kBundleIdentifier;
             },
-            std::move(languages)});
+            std::move(languages), waylandOffer_.has_value()});
     }
     // Without its X server the shell itself ends; the log says why the hotkeys went first.
     input_.setConnectionLostHandler(
@@ -638,7 +685,7 @@ Desktop::Desktop()
         checkHotkeyCollision();
     });
     frontmostTracker_ = std::make_unique<FrontmostAppTracker>(FrontmostAppTrackerDependencies{
-        loop_, workspace_, [this] { tap_->deregisterEventTap(); }, [this](bool user) { tap_->registerEventTap(user); },
+        loop_, workspaceNotifications_, [this] { tap_->deregisterEventTap(); }, [this](bool user) { tap_->registerEventTap(user); },
         [this] { return input_.isAvailable(); }, [this] { checkUsability("FrontmostAppTracker"); },
         [this] { workspace_.activateSelf(); }});
 
@@ -760,21 +807,59 @@ Desktop::~Desktop() {
     statusItem_.onImageChanged = nullptr;
     usability_.onChange = nullptr;
     lifecycle_->applicationWillTerminate();
+    // The window's panes hold the view models declared after it, which would go first.
+    mainWindow_.reset();
+    runMarker_.end();
     logInfo("Desktop - the application ends");
 }
 
 void Desktop::launch() {
+    const auto interruptedRunStart = runMarker_.begin(clock_.now());
     lifecycle_->initialize();
     lifecycle_->applicationDidFinishLaunching();
     // The session may have no X11 reach over its applications: the user hears of it once, in the banner.
-    if (const auto warning = platform::checkDesktopSession()) usability_.addSessionNote(*warning);
+    if (waylandOffer_) {
+        logInfo("Desktop.launch() - Wayland session: " + platform::describeOffer(*waylandOffer_));
+        for (const auto& note : platform::waylandUsabilityNotes(*waylandOffer_)) {
+            logWarning("Desktop.launch() - " + note);
+            usability_.addSessionNote(note);
+        }
+    } else if (const auto warning = platform::checkDesktopSession()) {
+        usability_.addSessionNote(*warning);
+    }
     // verifyUsability: with access to global input the tap is registered, then the checks run.
     logInfo("verifyUsability()");
     if (input_.isAvailable()) tap_->registerEventTap(false);
     checkUsability("verifyUsability");
     showUsabilityWarnings();
+    if (interruptedRunStart) recoverInterruptedRecordings(*interruptedRunStart);
     // After the steps that the launch posted (the activation of step 16 among them).
     loop_.post([] { logInfo("Desktop.launch() - ready: the hotkeys are live"); });
+}
+
+// What the cut run was recording or transcribing goes into the history, where Retry transcribes it.
+void Desktop::recoverInterruptedRecordings(std::chrono::system_clock::time_point since) {
+    InterruptedRecordingSearch search;
+    search.recordingsFolder = settings().saveRecordingsFolder();
+    search.since = since;
+    search.minimumSeconds = settings().minimumRecordingDuration() / 1000.0;
+    for (const auto& entry : context_.fetchAll<store::LogEntry>())
+        if (const auto path = entry->recordingPath()) search.inHistory.insert(*path);
+    const auto found = findInterruptedRecordings(search);
+    if (found.empty()) return;
+    for (const auto& recording : found) {
+        history_->log(HistoryManagerLogLevel::error, interruptedRecordingMessage(constants().appName()),
+                      recording.file, Uuid::random(), false);
+    }
+    SPRToastView toast;
+    toast.messageTitle = "Recordings kept from the last run";
+    toast.messageText = constants().appName() + " stopped before " +
+                        (found.size() == 1 ? std::string("a recording was")
+                                           : std::to_string(found.size()) + " recordings were") +
+                        " transcribed. " + (found.size() == 1 ? "It is" : "They are") +
+                        " in the history, where Retry transcribes " + (found.size() == 1 ? "it." : "them.");
+    toast.warningLevel = SPRToastViewWarningLevel::warning;
+    messages_.showSPRToast(std::move(toast));
 }
 
 void Desktop::reopen() {
@@ -790,7 +875,10 @@ void Desktop::registerRemoteCommands(platform::SingleInstance& instance) {
     // "sprelio shortcuts ...": on the editor's own rows, so the change is live at once.
     instance.handleCommands("shortcuts", [this](platform::RemoteCommand command) {
         std::ostringstream out, err;
-        const int status = runShortcutCommand(command.args, *shortcutRows_, keyCodes_, out, err);
+        const std::string verb = command.args.size() > 1 ? command.args[1] : std::string();
+        const int status = verb == "press" || verb == "release" || verb == "tap"
+                               ? runShortcutTriggerCommand(command.args, *shortcutRows_, *trigger_, err)
+                               : runShortcutCommand(command.args, *shortcutRows_, keyCodes_, out, err);
         std::istringstream outLines(out.str()), errLines(err.str());
         for (std::string line; std::getline(outLines, line);) command.print(line);
         for (std::string line; std::getline(errLines, line);) command.printError(line);

@@ -11,6 +11,7 @@
 #include "input/KeyNames.h"
 #include "input/KeyShortcutRecorder.h"
 #include "input/KeyboardShortcutManager.h"
+#include "input/ShortcutTrigger.h"
 #include "platform/linux/InstanceSocket.h"
 #include "platform/linux/X11KeyboardLayout.h"
 #include "platform/loop/RealTimeLoop.h"
@@ -25,7 +26,7 @@ namespace {
 
 constexpr const char* kUsage =
     "shortcuts: expected list, set ID [--key KEY] [--hold|--tap], add ACTION [--item ITEM] --key KEY [--hold], "
-    "remove ID or reset";
+    "remove ID, reset, or press|release|tap [ID]";
 
 // No application runs, so nothing is grabbed: combinations are only written to the settings file, where the
 // application registers them at its next start.
@@ -96,7 +97,38 @@ void list(const ShortcutRows& rows, std::ostream& out) {
     }
 }
 
+bool isTriggerVerb(const std::string& verb) { return verb == "press" || verb == "release" || verb == "tap"; }
+
 } // namespace
+
+int runShortcutTriggerCommand(const std::vector<std::string>& args, ShortcutRows& rows, ShortcutTrigger& trigger,
+                              std::ostream& err) {
+    if (args.size() < 2 || !isTriggerVerb(args[1])) return fail(err, kUsage, 2);
+    const std::string& verb = args[1];
+    if (args.size() > 3) return fail(err, "shortcuts " + verb + ": takes at most the ID", 2);
+    std::optional<Uuid> uuid;
+    if (args.size() == 3) {
+        auto found = rows.findRow(args[2]);
+        if (const auto* problem = std::get_if<std::string>(&found))
+            return fail(err, "shortcuts " + verb + ": " + *problem);
+        uuid = std::get<Uuid>(found);
+    } else {
+        uuid = trigger.dictationShortcut();
+        if (!uuid)
+            return fail(err, "shortcuts " + verb +
+                                 ": there is no dictation shortcut (recordAndTranscribe with a key); name one by its "
+                                 "ID (sprelio shortcuts list)");
+    }
+    const auto edges = verb == "tap" ? std::vector{ShortcutTrigger::Edge::press, ShortcutTrigger::Edge::release}
+                       : verb == "press" ? std::vector{ShortcutTrigger::Edge::press}
+                                         : std::vector{ShortcutTrigger::Edge::release};
+    for (const auto edge : edges) {
+        if (auto problem = trigger.trigger(*uuid, edge))
+            return fail(err, "shortcuts " + verb + " " + ShortcutRows::shortId(*uuid) + ": " + *problem);
+    }
+    logInfo("sprelio shortcuts " + verb + " - " + uuid->string());
+    return 0;
+}
 
 int runShortcutCommand(const std::vector<std::string>& args, ShortcutRows& rows, KeyCodes& keyCodes,
                        std::ostream& out, std::ostream& err) {
@@ -184,6 +216,11 @@ int shortcutCommand(const std::vector<std::string>& args, std::ostream& out, std
     std::ostringstream notRunning;
     const int status = platform::askRunningInstance({args.begin() + 1, args.end()}, out, notRunning);
     if (status != platform::kNoRunningInstance) {
+        err << notRunning.str();
+        return status;
+    }
+    // A press needs the application that acts on it; the store alone can do nothing with one.
+    if (args.size() > 2 && isTriggerVerb(args[2])) {
         err << notRunning.str();
         return status;
     }

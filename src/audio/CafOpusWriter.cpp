@@ -33,6 +33,10 @@ void CafOpusWriter::open(const std::filesystem::path& path, const OpusEncoder::S
     desc.formatID = caf::kFormatOpus;
     desc.framesPerPacket = uint32_t(kContainerSampleRate / 1000 * frameMs);
     desc.channelsPerFrame = uint32_t(settings.channels);
+    // Until finish() the packets are declared by their common size: a file cut off by a crash then needs no packet
+    // table, and other readers (FFmpeg) play it up to its last complete packet. finish() declares them variable,
+    // with the table, as finished recordings are.
+    desc.bytesPerPacket = bytesPerPacket;
 
     caf::RecordingInfo info;
     info.bytesPerPacket = bytesPerPacket;
@@ -76,6 +80,7 @@ void CafOpusWriter::encodeFrame(const float* frame, std::vector<uint8_t>& out) {
                       std::to_string(bytesPerPacket_),
                   path_.string());
     }
+    if (onPacket) onPacket(packet.data(), packet.size());
     out.insert(out.end(), packet.begin(), packet.end());
     framesEncoded_ += encoder_->frameSize();
 }
@@ -149,6 +154,9 @@ void CafOpusWriter::finish() {
     caf::putChunkHeader(pakt, caf::kPakt, int64_t(body.size()));
     pakt.insert(pakt.end(), body.begin(), body.end());
     writeAll(pakt.data(), pakt.size());
+    std::vector<uint8_t> variable;
+    caf::putU32(variable, 0);
+    writeAt(kDescBytesPerPacketOffset, variable.data(), variable.size());
     if (::fsync(fd_) != 0) {
         caf::fail(CafErrorCode::io, std::string("can't sync the recording: ") + std::strerror(errno), path_.string());
     }

@@ -3,10 +3,11 @@
 //
 // What the file looks like, and why a crash can't lose more than the packet being written:
 //
-//   while recording   'caff' | desc | uuid (recording info) | data (size -1, edit count 0, packet, packet, ...)
-//   after finish()    'caff' | desc | uuid (recording info) | data (exact size)                  | pakt
+//   while recording   'caff' | desc (constant bytes per packet) | uuid (recording info) | data (size -1, edit count
+//                     0, packet, packet, ...)
+//   after finish()    'caff' | desc (variable bytes per packet) | uuid (recording info) | data (exact size) | pakt
 //
-// - desc describes Opus the way other CAF writers do: 48000 Hz (the rate in which Opus counts its frames, whatever
+// - A finished desc describes Opus the way other CAF writers do: 48000 Hz (the rate in which Opus counts its frames, whatever
 //   rate the encoder runs at), format 'opus', no flags, variable bytes per packet, 960 frames per packet (20 ms),
 //   one channel. Priming and remainder in the packet table are counted in the same 48 kHz frames. No magic cookie:
 //   one or two channels without a mapping table need none, and the priming frames carry the pre-skip.
@@ -18,13 +19,17 @@
 //   loses at most the samples of a frame that wasn't complete yet. (A power cut may lose what the kernel hadn't
 //   stored; finish() syncs the file.)
 // - finish() pads the last frame with silence, encodes until the encoder's lookahead has come out, writes the
-//   exact data size, then appends the packet table (valid frames = samples fed, so the duration is exact). A crash
-//   between those two writes leaves a data chunk of exact size and no table, which the reader still understands.
+//   exact data size, appends the packet table (valid frames = samples fed, so the duration is exact), and only
+//   then declares the packets variable. A crash between those writes leaves constant packets of a known size,
+//   with or without a table, which every reader understands.
+// - While recording, desc declares the common packet size, so that FFmpeg plays a file cut off by a crash to its
+//   last complete packet without a packet table.
 //
 // CafReader::recover() turns an unfinished file into a finished one up to its last complete packet.
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -54,6 +59,9 @@ public:
     // Closes without the packet table. The file is not removed: what was written stays recoverable.
     void abandon();
 
+    // Each packet as it is encoded, in file order, before it is written.
+    std::function<void(const uint8_t* data, size_t size)> onPacket;
+
     bool isOpen() const { return fd_ >= 0; }
     const std::filesystem::path& path() const { return path_; }
     // Samples per channel passed to appendSamples().
@@ -78,6 +86,8 @@ private:
     int64_t dataSizeOffset_ = 0; // where the data chunk's size field lies
     uint32_t bytesPerPacket_ = 0;
     int rateFactor_ = 1; // container frames per encoder frame
+    // The bytes-per-packet field of desc: file header (8), chunk header (12), rate (8), format (4), flags (4).
+    static constexpr int64_t kDescBytesPerPacketOffset = 36;
 };
 
 } // namespace sprelio

@@ -296,7 +296,12 @@ void CafReader::parse(bool lenient) {
 
     if (desc_.bytesPerPacket > 0 && desc_.framesPerPacket > 0) {
         int64_t priming = 0;
-        if (pakt && pakt->second >= caf::kPaktHeaderSize) priming = std::max<int32_t>(0, int32_t(caf::getU32(b + pakt->first + 16)));
+        if (pakt && pakt->second >= caf::kPaktHeaderSize) {
+            priming = std::max<int32_t>(0, int32_t(caf::getU32(b + pakt->first + 16)));
+        } else if (recordingInfo_) {
+            // One of our recordings still being written (or cut off): its own chunk knows the encoder's delay.
+            priming = recordingInfo_->primingFrames;
+        }
         fixedPackets(desc_.bytesPerPacket, desc_.framesPerPacket, priming);
     } else if (pakt) {
         try {
@@ -405,7 +410,10 @@ CafRecoveryResult CafReader::recover(const std::filesystem::path& path) {
     if (finished) return {true, int64_t(reader.packetCount()), reader.durationSeconds()};
     reader.parse(true);
 
-    const auto& d = reader.desc_;
+    auto d = reader.desc_;
+    // Opus recordings declare their common packet size only while they are written; finished, they are described
+    // as variable, with every packet in the table, like the recordings that were finished in time.
+    if (reader.isOpus()) d.bytesPerPacket = 0;
     std::vector<uint8_t> out;
     caf::putU32(out, caf::kFileType);
     caf::putU16(out, 1);

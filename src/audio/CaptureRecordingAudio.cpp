@@ -32,12 +32,20 @@ CaptureRecordingAudio::~CaptureRecordingAudio() {
     }
     if (running) capture_.stop();
     std::lock_guard guard(samplesMutex_);
-    if (writer_) writer_->abandon();
+    if (writer_) {
+        writer_->abandon();
+        if (packetSink_) packetSink_->ended(false);
+    }
 }
 
 void CaptureRecordingAudio::setOnRecordingCompletion(Completion completion) {
     std::lock_guard guard(completionMutex_);
     onRecordingCompletion_ = std::move(completion);
+}
+
+void CaptureRecordingAudio::setPacketSink(std::shared_ptr<RecordingPacketSink> sink) {
+    std::lock_guard guard(samplesMutex_);
+    packetSink_ = std::move(sink);
 }
 
 bool CaptureRecordingAudio::isRecording() const {
@@ -97,10 +105,17 @@ void CaptureRecordingAudio::recordOnWorker(const std::string& id, const std::sha
 
     if (!prepared) {
         logInfo("record() - requestID: " + id + " - result: nil");
+        std::lock_guard guard(samplesMutex_);
+        if (packetSink_) packetSink_->ended(false);
         return;
     }
     {
         std::lock_guard guard(samplesMutex_);
+        if (packetSink_) {
+            writer->onPacket = [sink = packetSink_.get()](const std::uint8_t* data, std::size_t size) {
+                sink->packet(data, size);
+            };
+        }
         writer_ = std::move(writer);
     }
     std::string error;
@@ -112,6 +127,7 @@ void CaptureRecordingAudio::recordOnWorker(const std::string& id, const std::sha
         std::lock_guard guard(samplesMutex_);
         writer_->abandon();
         writer_.reset();
+        if (packetSink_) packetSink_->ended(false);
         return;
     }
     state_ = State::recording;
@@ -162,6 +178,8 @@ void CaptureRecordingAudio::finishOnWorker(bool captureFailed) {
         }
         writer_.reset();
         success = success && !encodeFailed_ && !captureFailed_ && !captureFailed;
+        // Before the completion, so that the stream's end is under way when the upload starts.
+        if (packetSink_) packetSink_->ended(success);
     }
     state_ = State::finished;
     logInfo("RecordingAudio.stop() - recording stopped");

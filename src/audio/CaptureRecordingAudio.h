@@ -56,6 +56,7 @@ public:
     std::optional<float> averagePower() override;
     std::optional<float> peakPower() override;
     bool isRecording() const override;
+    void setPacketSink(std::shared_ptr<RecordingPacketSink> sink) override;
 
     // Changeable until record().
     int bitRate = 16000;
@@ -86,6 +87,7 @@ private:
     // Guards what the capture thread touches.
     mutable std::mutex samplesMutex_;
     std::unique_ptr<CafOpusWriter> writer_; // the "recorder": non-null while recording
+    std::shared_ptr<RecordingPacketSink> packetSink_;
     bool encodeFailed_ = false;
     bool captureFailed_ = false;
     double averageSumSquares_ = 0;

@@ -1,6 +1,8 @@
 #pragma once
 // The recorder of one file. One instance records once; a new dictation makes a new instance through the factory.
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -25,6 +27,17 @@ private:
     Clock::time_point start_;
 };
 
+// Hears the encoded packets of a recording as they are made, for a live stream beside the file. Called on the
+// capture's thread while it holds the recorder: an implementation hands the bytes over and returns, never waits.
+class RecordingPacketSink {
+public:
+    virtual ~RecordingPacketSink() = default;
+    virtual void packet(const std::uint8_t* data, std::size_t size) = 0;
+    // After the last packet: `complete` when the file holds exactly the packets given, false when the recording
+    // failed or was let go.
+    virtual void ended(bool complete) = 0;
+};
+
 class RecordingAudio {
 public:
     // Called once per instance, after stop() or the recorder's own finish, on a worker thread.
@@ -42,6 +55,8 @@ public:
     virtual std::optional<float> averagePower() { return std::nullopt; }
     virtual std::optional<float> peakPower() { return std::nullopt; }
     virtual bool isRecording() const { return false; }
+    // Before record(); a recorder without packets to tell of ignores it.
+    virtual void setPacketSink(std::shared_ptr<RecordingPacketSink> /*sink*/) {}
 };
 
 class RecordingAudioFactory {

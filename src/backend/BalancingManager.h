@@ -31,6 +31,9 @@ public:
     const std::string name;
     const std::string url;
     bool isOnline = true;
+    // The backend decodes a dictation while it is recorded (POST /transcribe/live). Known from the account
+    // answer only: it is not part of the stored list, which a fresh answer replaces at every start.
+    bool liveDecoding = false;
 
     // Equality is the identity of the backend, nothing else.
     bool operator==(const BackendBalancer& other) const { return uuid == other.uuid; }

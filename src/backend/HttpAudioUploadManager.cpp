@@ -1,4 +1,5 @@
 #include "backend/HttpAudioUploadManager.h"
+#include "backend/LiveDictationStreams.h"
 
 #include <algorithm>
 #include <charconv>
@@ -301,6 +302,10 @@ void HttpAudioUploadManager::sendAttempt(const std::shared_ptr<Attempt>& attempt
     request.headers = {{"Authorization", "Bearer " + deps_.settings.token().value_or("")},
                        {"Accept-Language", acceptLanguage_},
                        {"Content-Type", body.contentType()}};
+    if (liveStreams_ && attempt->endpoint) {
+        if (auto stream = liveStreams_->streamFor(attempt->requestID, attempt->endpoint->uuid))
+            request.headers.push_back({LiveDictationStreams::kHeader, *stream});
+    }
     if (!attempt->aiFormField) {
         logInfo("AudioUploadManager.uploadRecording().aiFormField: nil, will proceed with file-only upload");
     }

@@ -31,6 +31,8 @@ class AppConstants;
 class Settings;
 } // namespace store
 
+class LiveDictationStreams;
+
 class HttpAudioUploadManager final : public AudioUploadManager {
 public:
     // The stages of a streamed answer, each on the main loop: the transcript is in and the server's AI step has
@@ -108,6 +110,8 @@ public:
 
     // 120 seconds unless a test needs time-outs that end sooner; the bound on the answer follows it.
     void setRequestTimeout(std::chrono::milliseconds timeout) { requestTimeout_ = timeout; }
+    // The session's live streams: an upload to a stream's own backend names the stream in one extra header.
+    void setLiveStreams(const LiveDictationStreams* streams) { liveStreams_ = streams; }
 
     // Process-wide request constants.
     const std::string& appIdentifier() const { return appIdentifier_; }
@@ -139,6 +143,7 @@ private:
     int retries_ = 0;
     std::chrono::milliseconds requestTimeout_ = kRequestTimeout;
     std::shared_ptr<platform::HttpTask> uploadTask_;
+    const LiveDictationStreams* liveStreams_ = nullptr;
     // Callbacks that outlive the manager find this expired and do nothing.
     LifetimeGuard lifetime_;
 };

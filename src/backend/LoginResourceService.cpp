@@ -448,6 +448,8 @@ void LoginResourceService::applyUserInfo(const nlohmann::json& dictionary) {
             auto url = stringValue(element, "url");
             if (!uuid || !name || !url) continue;
             list.push_back(std::make_shared<BackendBalancer>(*uuid, *name, *url, true));
+            if (auto live = element.find("liveDecoding"); live != element.end() && live->is_boolean())
+                list.back()->liveDecoding = live->get<bool>();
         }
         if (deps_.balancing) {
             deps_.balancing->setBalancers(std::move(list));

@@ -14,6 +14,7 @@
 #include "audio/RecordingAudio.h"
 #include "audio/RecordingPathHelper.h"
 #include "backend/AudioUploadManager.h"
+#include "backend/LiveDictationStreams.h"
 #include "base/Log.h"
 #include "store/AppConstants.h"
 #include "store/Entities.h"
@@ -243,6 +244,18 @@ void AppDelegate::startRecording(const Uuid& requestID, std::shared_ptr<const St
                 recordingCompleted(recorded, success, endDate);
             });
         });
+    if (deps_.liveDictation) {
+        // The languages and diarization the upload is expected to ask for; should the stopping shortcut settle
+        // others, the backend sees the difference and transcribes the upload as usual.
+        const auto& active = deps_.appState.currentlyActiveUserShortcut();
+        const auto languages =
+            chooseInputLanguages(active ? active->inputLanguageCode() : std::nullopt, deps_.settings);
+        std::string codes;
+        for (const auto& code : languages.codes) codes += (codes.empty() ? "" : ",") + code;
+        const auto raw = active ? active->shortcutActionRawValue() : std::nullopt;
+        if (auto sink = deps_.liveDictation->begin(requestID, codes, raw && *raw == "voiceToDialog"))
+            recordAudio_->setPacketSink(std::move(sink));
+    }
     recordAudio_->record(requestID, std::move(stopwatch));
 }
 
@@ -290,6 +303,14 @@ void AppDelegate::recordingCompleted(Dictation dictation, bool success, std::chr
 
 void AppDelegate::handleRecordingCompletion(Dictation dictation, bool success) {
     const std::string id = dictation.requestID.string();
+    // What the recorder kept still goes on to be transcribed; the user hears of the loss without losing the front
+    // to the message, which the paste needs.
+    if (!success) {
+        deps_.messages.showNotice("The recording was cut short",
+                                  "The end of this recording could not be saved (the disk may be full, or the sound "
+                                  "device stopped). The text of what was saved is delivered as usual; the log has the "
+                                  "details.");
+    }
     const auto& appState = deps_.appState;
     const auto& active = appState.currentlyActiveUserShortcut();
     const auto& menuShortcut = appState.floatingButtonMenuShortcut();
@@ -571,6 +592,8 @@ void AppDelegate::cancelRecordingAndProcessing() {
     logWarning("cancelRecordingAndProcessing() - recording/processing has been cancelled by the user");
     // The stopped recorder still completes; its completion finds the cancel mark and writes the history entry.
     if (recordAudio_) recordAudio_->stop();
+    if (deps_.liveDictation && deps_.appState.lastGloballyInitiatedRequestID())
+        deps_.liveDictation->cancel(*deps_.appState.lastGloballyInitiatedRequestID());
     deps_.uploadManager.cancelUpload();
     deps_.continuousSpeechManager.stopMonitoring();
     setupMenuWithMainMenu();

@@ -37,6 +37,7 @@ class ErrorPresenter;
 class MicrophoneManager;
 class RecordingAudio;
 class RecordingAudioFactory;
+class LiveDictationStreams;
 class ResultsWindow;
 class Stopwatch;
 class SubstitutionHelpers;
@@ -60,6 +61,8 @@ struct AppDelegateDependencies {
     std::string bundleIdentifier = "com.sprelio.app";
     // Refreshes the event path's copy of the stored shortcuts.
     std::function<void()> updateCachedUserShortcuts;
+    // Streams each dictation to its backend while it records, where the backend decodes live; none: never.
+    LiveDictationStreams* liveDictation = nullptr;
 };
 
 class AppDelegate final {

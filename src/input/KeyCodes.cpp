@@ -25,10 +25,19 @@ bool isKeypadCode(std::uint16_t code) {
     }
 }
 
-std::unique_ptr<KeyCodes>& sharedInstance() {
-    static std::unique_ptr<KeyCodes> instance;
-    return instance;
+// The fallback layout is a member before the instance, so that the instance, which talks to its layout as it goes,
+// is destroyed first at the end of the process.
+struct SharedKeyCodes {
+    QwertyKeyboardLayout qwerty;
+    std::unique_ptr<KeyCodes> instance;
+};
+
+SharedKeyCodes& sharedKeyCodes() {
+    static SharedKeyCodes shared;
+    return shared;
 }
+
+std::unique_ptr<KeyCodes>& sharedInstance() { return sharedKeyCodes().instance; }
 
 } // namespace
 
@@ -72,12 +81,11 @@ void KeyCodes::layoutChanged() { tables_.clear(); }
 
 KeyCodes& KeyCodes::shared() {
     auto& instance = sharedInstance();
-    if (!instance) {
-        static QwertyKeyboardLayout qwerty;
-        instance = std::make_unique<KeyCodes>(qwerty);
-    }
+    if (!instance) instance = std::make_unique<KeyCodes>(sharedKeyCodes().qwerty);
     return *instance;
 }
+
+void KeyCodes::installQwerty() { install(sharedKeyCodes().qwerty); }
 
 void KeyCodes::install(platform::KeyboardLayout& layout) {
     auto& instance = sharedInstance();

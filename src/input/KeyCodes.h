@@ -45,6 +45,8 @@ public:
     // The process-wide instance; on the QWERTY layout until install() gives it the platform's layout.
     static KeyCodes& shared();
     static void install(platform::KeyboardLayout& layout);
+    // Back on the QWERTY layout, for whoever installed a layout that goes before the process ends.
+    static void installQwerty();
 
 private:
     using Table = std::unordered_map<std::string, std::uint16_t>; // character → key code

@@ -64,6 +64,11 @@ public:
     // Drops every handler and unregisters everything.
     void removeAllHandlers();
 
+    // The name's handlers, as if its combination went down or up; for a press that comes from outside the
+    // keyboard (a compositor binding), which reaches a name the desktop may not have let us register.
+    void press(const std::string& name) { pressed(name); }
+    void release(const std::string& name) { released(name); }
+
     bool isRegistered(const std::string& name) const { return registered_.count(name) > 0; }
     std::size_t registeredCount() const { return registered_.size(); }
 

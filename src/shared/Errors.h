@@ -59,6 +59,11 @@ public:
                                    bool showRepeated = false, bool showNeverShowAgain = false) = 0;
     virtual void showAlertForError(SPRLocalizedError error, std::optional<int> statusCode = std::nullopt,
                                    bool showRepeated = false, bool showNeverShowAgain = false) = 0;
+    // A warning that must not take the front from the application the user works in (a paste may be under way).
+    // Presenters that can't show one without the front show it as an alert.
+    virtual void showNotice(const std::string& title, const std::string& text) {
+        showAlertForError(Error{"SprelioNotice", 0, title + ": " + text, {}});
+    }
 };
 
 } // namespace sprelio

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <vector>
 
 namespace sprelio::store {
@@ -52,6 +53,44 @@ std::string writeFileAtomically(const std::filesystem::path& path, std::string_v
         ::close(dir);
     }
     return {};
+}
+
+namespace {
+std::string timestampSuffix() {
+    std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    char buffer[32];
+    std::strftime(buffer, sizeof buffer, "%Y-%m-%d_%H-%M-%S", &local);
+    return buffer;
+}
+} // namespace
+
+std::filesystem::path moveFileAside(const std::filesystem::path& path, std::string& error) {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    const std::string stamp = timestampSuffix();
+    fs::path aside = path;
+    aside += ".corrupt-" + stamp;
+    for (int n = 2; fs::exists(aside, ec) && n < 1000; ++n) {
+        aside = path;
+        aside += ".corrupt-" + stamp + "-" + std::to_string(n);
+    }
+    if (::rename(path.c_str(), aside.c_str()) == 0) return aside;
+    error = std::strerror(errno);
+    ec.clear();
+    fs::copy_file(path, aside, ec);
+    if (ec) {
+        error += "; copying it failed too: " + ec.message();
+        return {};
+    }
+    // A copy leaves the damaged file in its place; it goes so that a fresh one can be made.
+    if (!fs::remove(path, ec)) {
+        error += "; the copy is at " + aside.string() + " but the file could not be removed: " + ec.message();
+        return {};
+    }
+    error.clear();
+    return aside;
 }
 
 } // namespace sprelio::store

@@ -11,4 +11,9 @@ namespace sprelio::store {
 // Returns "" on success, else a description of the failure (the temp file is removed).
 std::string writeFileAtomically(const std::filesystem::path& path, std::string_view content, mode_t mode);
 
+// A damaged file is kept for whoever wants to look into it, under "<name>.corrupt-<local date and time>" (with a
+// number after it when that name is taken), and its place is free for a fresh one. Renames, or copies where the
+// folder refuses a rename. Returns the new path, or "" with `error` set.
+std::filesystem::path moveFileAside(const std::filesystem::path& path, std::string& error);
+
 } // namespace sprelio::store

@@ -23,14 +23,6 @@ namespace {
 // Levels of nesting a settings file may have: its deepest values (lists of objects) use three.
 constexpr int kMaxDepth = 64;
 
-std::string timestampSuffix() {
-    std::time_t now = std::time(nullptr);
-    std::tm local{};
-    localtime_r(&now, &local);
-    char buffer[32];
-    std::strftime(buffer, sizeof buffer, "%Y-%m-%d_%H-%M-%S", &local);
-    return buffer;
-}
 
 } // namespace
 
@@ -82,32 +74,18 @@ void JsonFileSettingsStore::load() {
     }
 
     // Corrupt: move it aside, keep it, use the defaults.
-    fs::path aside = path_;
-    aside += ".corrupt-" + timestampSuffix();
-    for (int n = 2; fs::exists(aside, ec) && n < 1000; ++n) {
-        aside = path_;
-        aside += ".corrupt-" + timestampSuffix() + "-" + std::to_string(n);
-    }
-    if (::rename(path_.c_str(), aside.c_str()) == 0) {
+    std::string moveError;
+    const fs::path aside = moveFileAside(path_, moveError);
+    if (!aside.empty()) {
         movedAside_ = aside;
         logError("JsonFileSettingsStore.load() - settings file " + path_.string() +
                  " is not a valid JSON object (" + reason + "), moved it aside to " + aside.string() +
                  ", using defaults");
         return;
     }
-    std::string renameError = std::strerror(errno);
-    ec.clear();
-    fs::copy_file(path_, aside, ec);
-    if (!ec) {
-        movedAside_ = aside;
-        logError("JsonFileSettingsStore.load() - settings file " + path_.string() +
-                 " is not a valid JSON object (" + reason + "), could not move it (" + renameError +
-                 "), copied it to " + aside.string() + ", using defaults");
-        return;
-    }
     persistDisabled_ = true;
     logError("JsonFileSettingsStore.load() - settings file " + path_.string() + " is not a valid JSON object (" +
-             reason + ") and could not be moved aside (" + renameError + "), using defaults; changes will not " +
+             reason + ") and could not be moved aside (" + moveError + "), using defaults; changes will not " +
              "be saved so as not to overwrite it");
 }
 

@@ -7,6 +7,7 @@
 
 #include "base/Uuid.h"
 #include "base/Log.h"
+#include "store/AtomicFile.h"
 #include "store/SqliteStore.h"
 
 namespace sprelio::store {
@@ -79,11 +80,50 @@ void PersistentContainer::setDidSave(std::function<void()> hook) {
 
 // MARK: PersistenceController
 
+namespace {
+// SQLite's answers for a file that is not a database or whose pages are broken. Any other failure (a folder
+// without rights, a full disk, a store of a newer model) is not the file's fault and must not cost the user it.
+bool isDamagedStoreError(const Error& error) {
+    constexpr long kSqliteCorrupt = 11, kSqliteNotADatabase = 26;
+    return error.domain == kSqliteErrorDomain && (error.code == kSqliteCorrupt || error.code == kSqliteNotADatabase);
+}
+} // namespace
+
 PersistenceController::PersistenceController(const std::filesystem::path& supportFolder, bool inMemory) {
     container_ = std::make_unique<PersistentContainer>(kModelName, supportFolder / kStoreFileName);
     if (inMemory) container_->setStoreFile(PersistentContainer::kInMemoryStoreFile);
-    // Without its store the application has nothing to work with: no recovery, deletion or retry.
-    if (auto error = container_->loadPersistentStores()) {
+    auto error = container_->loadPersistentStores();
+    // A damaged file would stop every start and every command for good. It is kept aside for whoever looks into it,
+    // and a fresh store takes its place; the user is told by whoever shows messages (movedAsideTo()).
+    if (error && !inMemory && isDamagedStoreError(error->error())) {
+        const auto storeFile = container_->storeFile();
+        std::string moveError;
+        const auto aside = moveFileAside(storeFile, moveError);
+        if (!aside.empty()) {
+            // The journal files belong to the damaged store; a fresh store must not replay them.
+            for (const char* suffix : {"-wal", "-shm"}) {
+                auto companion = storeFile;
+                companion += suffix;
+                std::error_code ec;
+                if (!std::filesystem::exists(companion, ec)) continue;
+                auto companionAside = aside;
+                companionAside += suffix;
+                std::filesystem::rename(companion, companionAside, ec);
+                if (ec) std::filesystem::remove(companion, ec);
+            }
+            movedAside_ = aside;
+            logError("PersistenceController.init() - the store " + storeFile.string() + " is damaged (" +
+                     error->error().debugDescription() + "), moved it aside to " + aside.string() +
+                     " and started a new one");
+            container_ = std::make_unique<PersistentContainer>(kModelName, storeFile);
+            error = container_->loadPersistentStores();
+        } else {
+            logError("PersistenceController.init() - the store " + storeFile.string() +
+                     " is damaged and could not be moved aside: " + moveError);
+        }
+    }
+    // Without its store the application has nothing to work with.
+    if (error) {
         fatal("Unresolved error " + error->error().debugDescription() + ", " +
               describeUserInfo(error->error().userInfo));
     }

@@ -45,10 +45,13 @@ private:
 class PersistenceController {
 public:
     // Opens (or creates and migrates) `<supportFolder>/Persistence.sqlite`, or an in-memory store, in the steps of
-    // the model, and repairs the shortcuts (validateAndRepairUserShortcuts). A store that can't be opened ends the
-    // process: "Unresolved error <error>, <userInfo>" on stderr, a critical log line, abort().
+    // the model, and repairs the shortcuts (validateAndRepairUserShortcuts). A damaged store file is moved aside
+    // (movedAsideTo()) and a new store is started. A store that can't be opened otherwise ends the process:
+    // "Unresolved error <error>, <userInfo>" on stderr, a critical log line, abort().
     PersistenceController(const std::filesystem::path& supportFolder, bool inMemory = false);
     PersistentContainer& container() { return *container_; }
+    // Where the damaged store went at this start; empty when the store opened as it was.
+    const std::filesystem::path& movedAsideTo() const { return movedAside_; }
 
     // The process-wide controller; install() makes it, shared() returns it (fatal when never installed).
     static PersistenceController& install(const std::filesystem::path& supportFolder, bool inMemory = false);
@@ -61,6 +64,7 @@ public:
 
 private:
     std::unique_ptr<PersistentContainer> container_;
+    std::filesystem::path movedAside_;
 };
 
 // Gives every UserShortcut without a UUID a new one and saves the context directly.

@@ -30,8 +30,11 @@ AccesibilityControllerImpl::AccesibilityControllerImpl(AccesibilityControllerDep
 AccesibilityControllerImpl::~AccesibilityControllerImpl() { lifetime_.expire(); }
 
 void AccesibilityControllerImpl::injectTextViaPaste(const std::string& text, std::optional<pid_t> pid) {
-    const bool direct =
-        FrontmostAppClassifier::shouldUseKeyboardInjection(deps_.workspace, true) || frontmostTerminalTakesTyping();
+    // A desktop that lets nobody press keys (a Wayland compositor without a virtual keyboard) gets the text on the
+    // clipboard, where the user can paste it.
+    const bool direct = deps_.keyboard.isAvailable() &&
+                        (FrontmostAppClassifier::shouldUseKeyboardInjection(deps_.workspace, true) ||
+                         frontmostTerminalTakesTyping());
     logInfo(std::string("injectTextViaPaste() - using ") +
             (direct ? "Direct Keyboard Injection" : "Clipboard Injection + CMD+V"));
     if (direct) {
@@ -58,6 +61,10 @@ void AccesibilityControllerImpl::postUnicodeText(const std::string& text, std::o
 
 void AccesibilityControllerImpl::postPasteKeystroke(const std::optional<std::string>& originalContent,
                                                     const std::string& text) {
+    if (!deps_.keyboard.isAvailable()) {
+        keepTextOnClipboardWithoutKeys();
+        return;
+    }
     const bool isRemote = FrontmostAppClassifier::isRemoteDesktopClient(deps_.workspace, true);
     const std::uint16_t vKey = deps_.keyCodes.keyCode(Key::v);
     if (isRemote && deps_.settings.pasteCtrlVForRemoteDesktop()) {
@@ -104,6 +111,17 @@ void AccesibilityControllerImpl::keepTextOnClipboard(const std::string& applicat
                                           messages_->appName() + " could not confirm that " + applicationName +
                                               " received the dictated text. It is on the clipboard: paste it "
                                               "with Ctrl+Shift+V.")
+            .toError());
+}
+
+void AccesibilityControllerImpl::keepTextOnClipboardWithoutKeys() {
+    logWarning("injectTextViaPaste() - no synthetic keys on this desktop - the text stays on the clipboard");
+    if (!messages_) return;
+    messages_->showAlertForError(
+        SPRStringError::errorMessageError("Text left on the clipboard",
+                                          "This desktop does not let " + messages_->appName() +
+                                              " press keys, so the dictated text was not pasted. It is on the "
+                                              "clipboard: paste it with Ctrl+V.")
             .toError());
 }
 

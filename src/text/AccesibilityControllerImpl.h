@@ -72,6 +72,8 @@ public:
 private:
     bool frontmostTerminalTakesTyping() const;
     void keepTextOnClipboard(const std::string& applicationName);
+    // No key can be pressed here at all: the text stays on the clipboard and the user is told to paste it.
+    void keepTextOnClipboardWithoutKeys();
     void sendRemotePaste(std::uint16_t vKey, std::optional<std::string> originalContent, std::string text);
     void finishPaste(const std::optional<std::string>& originalContent, const std::string& text);
 

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <system_error>
 
+#include "audio/CafReader.h"
 #include "backend/UploadAnswer.h"
 #include "audio/AudioPlaybackManager.h"
 #include "backend/AudioUploadManager.h"
@@ -191,6 +192,14 @@ void HistoryViewModel::retry(const std::shared_ptr<store::LogEntry>& entry, std:
     auto* loop = &deps_.loop;
     // The start goes through the worker pool and straight back, as every upload start does.
     deps_.workers.submit([this, alive, loop, path, id, languages, list, done] {
+        // A recording cut off by a crash is made a finished file first, so that every backend reads all of it.
+        if (path.extension() == ".caf") {
+            try {
+                if (!CafReader::recover(path).wasComplete) logInfo("HistoryView.retry() - recovered " + path.string());
+            } catch (const std::exception& e) {
+                logError("HistoryView.retry() - " + path.string() + " can't be recovered, sent as it is: " + e.what());
+            }
+        }
         logInfo("AudioUploadManager.uploadRecording() - requestID: " + id.string() + ", inputLanguageCode: nil");
         logInfo("inputLanguageCodes{} - no explicit inputLanguageCode, falling back to languages=" + list);
         loop->post([this, alive, path, id, languages, done] {

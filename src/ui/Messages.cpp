@@ -88,6 +88,15 @@ void MessageCenter::showAlertForError(std::optional<Error> error, std::optional<
     });
 }
 
+void MessageCenter::showNotice(const std::string& title, const std::string& text) {
+    SPRToastView toast;
+    toast.messageTitle = title;
+    toast.messageText = text;
+    toast.warningLevel = SPRToastViewWarningLevel::warning;
+    toast.tapAction = [this]() { removeSPRToast(); };
+    platform_.loop.post([this, toast = std::move(toast)]() mutable { showSPRToast(std::move(toast)); });
+}
+
 void MessageCenter::showSPRToast(SPRToastView toast) {
     logInfo("showSPRToast()");
     const auto never = settings_.messagesToNeverShowAgain();

@@ -68,6 +68,7 @@ public:
 
     // Main loop only.
     void showSPRToast(SPRToastView toast);
+    void showNotice(const std::string& title, const std::string& text) override;
     void removeSPRToast();
     // The toast's check box: the text is not shown again.
     void neverShowAgain(const std::string& messageText);

@@ -3,6 +3,10 @@
 
 #include <sys/stat.h>
 
+#include <fstream>
+#include <vector>
+
+
 #include "CliTestSupport.h"
 
 namespace fs = std::filesystem;
@@ -89,4 +93,34 @@ TEST_F(SprelioCli, CorruptSettingsFileIsKeptAsideAndDefaultsApply) {
     // Writing afterwards makes a fresh, valid file.
     ASSERT_EQ(run({"settings", "set", "soundEnabled", "true"}).status, 0);
     EXPECT_EQ(run({"settings", "get", "soundEnabled"}).out, "true\n");
+}
+
+// A damaged store used to stop every command for good. Now the command runs on a fresh store, says so once on
+// stderr, and the damaged file stays next to it for whoever looks into it.
+TEST_F(SprelioCli, DamagedStoreIsKeptAsideAndTheCommandRunsOnAFreshOne) {
+    ASSERT_EQ(run({"substitutions", "add", "teh", "the"}).status, 0);
+    {
+        std::fstream io(storeFile(), std::ios::binary | std::ios::in | std::ios::out);
+        io.seekp(100);
+        const std::string junk(4000, 'Z');
+        io.write(junk.data(), static_cast<std::streamsize>(junk.size()));
+    }
+    const std::string damaged = readFile(storeFile());
+
+    auto r = run({"history", "list"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "No history data available.\n");
+    EXPECT_NE(r.err.find("was damaged"), std::string::npos) << r.err;
+    std::vector<fs::path> aside;
+    for (const auto& entry : fs::directory_iterator(storeFile().parent_path()))
+        if (entry.path().filename().string().starts_with("Persistence.sqlite.corrupt-")) aside.push_back(entry.path());
+    ASSERT_EQ(aside.size(), 1u);
+    EXPECT_EQ(readFile(aside[0]), damaged);
+    EXPECT_NE(r.err.find(aside[0].string()), std::string::npos) << "the message says where it is: " << r.err;
+
+    // The fresh store is in use from then on, without a word.
+    ASSERT_EQ(run({"substitutions", "add", "adn", "and"}).status, 0);
+    auto again = run({"history", "list"});
+    EXPECT_EQ(again.status, 0);
+    EXPECT_EQ(again.err, "");
 }

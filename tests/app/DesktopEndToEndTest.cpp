@@ -12,6 +12,7 @@
 
 // Before the X headers, whose macros (None, Success) clash with the HTTP library's names.
 #include "server/ScriptedOpenAiService.h"
+#include "backend/ScriptedServer.h"
 
 #include "SprelioAppProcess.h"
 #include "base/Digest.h"
@@ -291,6 +292,175 @@ TEST_F(DesktopEndToEnd, OfflineTheKeySaysSoAndSprelioIsIdleAgain) {
     ASSERT_TRUE(app->waitForCount("- error: networkError", 2));
     EXPECT_TRUE(client->text().empty());
     EXPECT_TRUE(history().empty());
+}
+
+// Killed by a crash: at the next start the recording is a finished file in the history, from where Retry
+// transcribes it (on the embedded server), and the store is sound.
+class DesktopFaults : public DesktopEndToEnd {
+protected:
+    fs::path onlyRecording() const {
+        std::vector<fs::path> recordings;
+        for (const auto& entry : fs::recursive_directory_iterator(app->dataFolder() / "recordings"))
+            if (entry.path().extension() == ".caf") recordings.push_back(entry.path());
+        EXPECT_EQ(recordings.size(), 1u);
+        return recordings.empty() ? fs::path() : recordings[0];
+    }
+    // The next start on `x`, which is the test's X server unless that one is gone.
+    void expectKeptForRetryAfterTheNextStart(const fs::path& recording, const std::string& name,
+                                             const XServer* x = nullptr) {
+        EXPECT_TRUE(history().empty());
+        if (x) {
+            app = std::make_unique<SprelioApp>(*x, pulse, home.path());
+            ASSERT_TRUE(app->waitForCount("Desktop.launch() - ready: the hotkeys are live", 1, 30000ms))
+                << app->output() << "\n" << app->log();
+        } else {
+            launch();
+        }
+        ASSERT_TRUE(x11test::waitFor([&] { return history().size() == 1; })) << app->log();
+        const auto entries = history();
+        EXPECT_EQ(entries[0]->level(), 2) << "an error entry, to be retried";
+        EXPECT_NE(entries[0]->message().value_or("").find("stopped before this recording was transcribed"),
+                  std::string::npos);
+        ASSERT_TRUE(entries[0]->recordingPath().has_value());
+        EXPECT_EQ(*entries[0]->recordingPath(), recording);
+        const auto seconds = audioFileDurationSeconds(recording);
+        ASSERT_TRUE(seconds.has_value());
+        EXPECT_GT(*seconds, 2.0);
+        ASSERT_TRUE(app->waitForCount("showSPRToast()", 1)) << "the user hears of it";
+        screenshot("e2e-" + name);
+        EXPECT_EQ(app->stop(), 0);
+        app.reset();
+
+        const auto integrity = audio_test::runCommand(
+            "sqlite3 " + audio_test::shellQuoted((home.path() / ".local/share/Sprelio/Persistence.sqlite").string()) +
+            " 'PRAGMA integrity_check'");
+        EXPECT_EQ(integrity.out, "ok\n");
+        const std::string cli = "env -i PATH=/usr/bin:/bin LANG=C.UTF-8 HOME=" +
+                                audio_test::shellQuoted(home.path().string()) + " " + SPRELIO_BINARY;
+        ASSERT_EQ(audio_test::runCommand(cli + " settings set apiBaseURL embedded").exitCode, 0);
+        const auto retried =
+            audio_test::runCommand(cli + " history retry " + std::to_string(entries[0]->primaryKey()) + " 2>/dev/null");
+        ASSERT_EQ(retried.exitCode, 0) << retried.out;
+        EXPECT_GE(testhelpers::wordAccuracy(kSentence, retried.out), 0.8) << retried.out;
+    }
+};
+
+TEST_F(DesktopFaults, KilledWhileTheUserSpeaks) {
+    apptest::storeRightAltShortcut(home.path(), true);
+    launch();
+    bringClientForward();
+    ASSERT_TRUE(key("keydown"));
+    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << app->log();
+    speak();
+    app->kill();
+    ASSERT_TRUE(key("keyup"));
+    // Other programs play what was said before any recovery.
+    const auto recording = onlyRecording();
+    const auto played = audio_test::runCommand("ffprobe -v error -show_entries format=duration -of csv=p=0 " +
+                                               audio_test::shellQuoted(recording.string()));
+    ASSERT_EQ(played.exitCode, 0) << played.out;
+    EXPECT_GT(std::atof(played.out.c_str()), 2.0) << "FFmpeg plays the cut recording: " << played.out;
+    expectKeptForRetryAfterTheNextStart(recording, "killed-while-speaking");
+}
+
+// Without its X server the application can do nothing for the user: it ends at once rather than hang, and what
+// was being said is kept for the next start.
+TEST_F(DesktopFaults, TheXServerGoneWhileTheUserSpeaks) {
+    apptest::storeRightAltShortcut(home.path(), true);
+    launch();
+    bringClientForward();
+    ASSERT_TRUE(key("keydown"));
+    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << app->log();
+    speak();
+    client.reset();
+    server.stop();
+    ASSERT_TRUE(x11test::waitFor([&] { return !app->running(); }, 20000ms))
+        << "the application hangs without its X server\n" << app->log();
+    EXPECT_NE(app->output().find("X11 connection broke"), std::string::npos) << app->output();
+    const auto recording = onlyRecording();
+    const auto played = audio_test::runCommand("ffprobe -v error -show_entries format=duration -of csv=p=0 " +
+                                               audio_test::shellQuoted(recording.string()));
+    EXPECT_GT(std::atof(played.out.c_str()), 2.0) << "FFmpeg plays the cut recording: " << played.out;
+
+    XServer second;
+    ASSERT_TRUE(second.ready());
+    ASSERT_TRUE(second.startWindowManager());
+    expectKeptForRetryAfterTheNextStart(recording, "x-server-gone", &second);
+}
+
+// A recordings folder on a file system that fills up while the user speaks: what reached the disk is kept and
+// read to its last packet, and the dictation still ends with a word to the user, never silently.
+TEST_F(DesktopFaults, TheDiskFullWhileTheUserSpeaks) {
+    const auto small = home.path() / "small";
+    fs::create_directories(small);
+    // One page: about two seconds of a recording, less than the sentence.
+    ASSERT_EQ(audio_test::runCommand("mount -t tmpfs -o size=4k tmpfs " + audio_test::shellQuoted(small.string()) +
+                                     " 2>&1")
+                  .exitCode,
+              0)
+        << "a small file system is needed (root, or a container that allows mounts)";
+    struct Unmount {
+        fs::path at;
+        ~Unmount() { audio_test::runCommand("umount -l " + audio_test::shellQuoted(at.string())); }
+    } unmount{small};
+    store::JsonFileSettingsStore(home.path() / ".config/Sprelio/settings.json")
+        .set("saveRecordingsFolder", small.string());
+    apptest::storeRightAltShortcut(home.path(), true);
+    launch();
+    bringClientForward();
+    ASSERT_TRUE(key("keydown"));
+    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << app->log();
+    speak();
+    ASSERT_TRUE(key("keyup"));
+    ASSERT_TRUE(app->waitForCount("No space left on device", 1)) << app->log();
+    // The beginning is transcribed and delivered as usual, and the user hears that the end is missing.
+    ASSERT_TRUE(x11test::waitFor([&] { return history().size() == 1; })) << app->log();
+    EXPECT_TRUE(x11test::waitFor([&] { return client->text().find("hello") != std::string::npos; }))
+        << client->text();
+    ASSERT_TRUE(app->waitForCount("showSPRToast()", 1)) << "the user hears nothing\n" << app->log();
+    EXPECT_EQ(activePid(), client->pid()) << "the message leaves the front to the application";
+    screenshot("e2e-disk-full");
+
+    std::vector<fs::path> recordings;
+    for (const auto& entry : fs::recursive_directory_iterator(small))
+        if (entry.path().extension() == ".caf") recordings.push_back(entry.path());
+    ASSERT_EQ(recordings.size(), 1u);
+    const auto played = audio_test::runCommand("ffprobe -v error -show_entries format=duration -of csv=p=0 " +
+                                               audio_test::shellQuoted(recordings[0].string()));
+    EXPECT_GT(std::atof(played.out.c_str()), 1.0) << "what fitted is kept and plays: " << played.out;
+    std::printf("[ measured ] disk full after %.2f s of the sentence; delivered: \"%s\"\n", std::atof(played.out.c_str()),
+                client->text().c_str());
+}
+
+TEST_F(DesktopFaults, KilledWhileTheUploadWaitsForItsAnswer) {
+    backendtest::ScriptedServer backendServer;
+    backendtest::Script info;
+    info.body = nlohmann::json{{"flags", nlohmann::json::object()},
+                               {"ai", {{"models", nlohmann::json::array()}, {"servers", nlohmann::json::array()}}},
+                               {"balancers", nlohmann::json::array({{{"uuid", "B1"}, {"name", "slow"},
+                                                                     {"url", backendServer.url("")}}})},
+                               {"user", {{"user", {{"email", "ann@example.org"}}}, {"requests", 3}, {"token", "t"}}}}
+                    .dump();
+    backendServer.script("/users/info", info);
+    backendtest::Script never;
+    never.gateBeforeHead = "never";
+    never.discardBody = true;
+    backendServer.script("/transcribe", never);
+    store::JsonFileSettingsStore(home.path() / ".config/Sprelio/settings.json").set("apiBaseURL", backendServer.url(""));
+    apptest::storeRightAltShortcut(home.path(), false);
+    launch();
+    bringClientForward();
+    tap();
+    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << app->log();
+    speak();
+    tap();
+    ASSERT_TRUE(x11test::waitFor([&] {
+        for (const auto& request : backendServer.requests())
+            if (request.method == "POST" && request.target.rfind("/transcribe", 0) == 0) return true;
+        return false;
+    })) << "the upload did not reach the backend\n" << app->log();
+    app->kill();
+    expectKeptForRetryAfterTheNextStart(onlyRecording(), "killed-while-uploading");
 }
 
 // The AI shortcuts of the default set, each through the user's chat service: the one on a selection (Alt+Shift+S

@@ -77,13 +77,16 @@ inline fs::path screenshotFolder() { return fs::path(SPRELIO_BINARY).parent_path
 // `sprelio` in a process of its own, with a home of its own and nothing else from this process's environment.
 class SprelioApp {
 public:
-    SprelioApp(const XServer& x, const PulseDaemon& pulse, const fs::path& home, bool offline = false)
+    // `extraEnvironment`: further NAME=value entries.
+    SprelioApp(const XServer& x, const PulseDaemon& pulse, const fs::path& home, bool offline = false,
+               const std::vector<std::string>& extraEnvironment = {})
         : home_(home) {
         fs::create_directories(home / "run");
         fs::permissions(home / "run", fs::perms::owner_all, fs::perm_options::replace);
-        const std::vector<std::string> environment = {
+        std::vector<std::string> environment = {
             "PATH=/usr/bin:/bin", "HOME=" + home.string(), "XDG_RUNTIME_DIR=" + (home / "run").string(),
             "DISPLAY=" + x.name(), "PULSE_SERVER=" + pulse.serverAddress(), "LANG=C.UTF-8"};
+        environment.insert(environment.end(), extraEnvironment.begin(), extraEnvironment.end());
         std::vector<std::string> argv;
         // Offline is a network of its own with nothing but loopback: the embedded server still answers there.
         if (offline) argv = {"unshare", "-n", "sh", "-c", "ip link set lo up && exec \"$0\"", SPRELIO_BINARY};
@@ -123,6 +126,16 @@ public:
         }
         pid_ = -1;
         return status_;
+    }
+
+    // Ends the application as a crash or an out-of-memory kill would: no handler of its own runs.
+    void kill() {
+        if (pid_ <= 0) return;
+        ::kill(pid_, SIGKILL);
+        int status = 0;
+        ::waitpid(pid_, &status, 0);
+        pid_ = -1;
+        status_ = -1;
     }
 
     fs::path dataFolder() const { return home_ / ".local/share/Sprelio"; }

@@ -61,7 +61,8 @@ public:
     std::vector<float> samples() const {
         const auto bytes = audio_test::readBytes(file_);
         std::vector<float> out(bytes.size() / sizeof(float));
-        std::memcpy(out.data(), bytes.data(), out.size() * sizeof(float));
+        // An empty file has no buffer to copy from (memcpy's source must not be null even for no bytes).
+        if (!out.empty()) std::memcpy(out.data(), bytes.data(), out.size() * sizeof(float));
         return out;
     }
     // Seconds from the first to the last sample above the threshold; 0 when none is.

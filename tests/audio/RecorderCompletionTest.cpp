@@ -154,6 +154,8 @@ TEST_F(RecorderCompletionTest, AnEncoderThatCanNoLongerWriteIsLoggedOnceAndTheCo
     const auto packets = reader.packetCount();
     EXPECT_GT(packets, 50u) << "over a second was written before the disk was full";
     const auto beforeRecovery = audio_test::ffmpegDecode(file);
+    EXPECT_EQ(beforeRecovery.exitCode, 0) << "other readers play what was kept without a recovery";
+    EXPECT_GE(beforeRecovery.samples.size(), packets * 320 - 640);
     const auto recovered = CafReader::recover(file);
     EXPECT_FALSE(recovered.wasComplete);
     EXPECT_EQ(recovered.packets, std::int64_t(packets));

@@ -168,7 +168,6 @@ TEST(KeyCodesForLayout, SharedInstanceIsQwertyUntilInstalled) {
     layout.german = true;
     KeyCodes::install(layout);
     EXPECT_EQ(KeyCodes::shared().keyCode(Key::z), 16);
-    static QwertyKeyboardLayout qwerty;
-    KeyCodes::install(qwerty); // the German layout goes out of scope with this test
+    KeyCodes::installQwerty(); // the German layout goes out of scope with this test
     EXPECT_EQ(KeyCodes::shared().keyCode(Key::z), 6);
 }

@@ -4,14 +4,12 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QElapsedTimer>
-#include <QProcess>
-#include <QTemporaryDir>
 #include <QTimer>
 #include <atomic>
 #include <sstream>
 #include <thread>
 
+#include "PrivateDBus.h"
 #include "platform/qt/LogindWakeMonitor.h"
 #include "platform/qt/QtMainLoop.h"
 #include "platform/qt/QtScreens.h"
@@ -25,30 +23,8 @@ using sprelio::platform::LogindWakeMonitor;
 using sprelio::platform::QtMainLoop;
 using sprelio::platform::Rect;
 using sprelio::platform::ScreenCoordinates;
-
-namespace {
-
-QCoreApplication& application() {
-    static int argc = 1;
-    static char name[] = "test_platform";
-    static char* argv[] = {name, nullptr};
-    static QCoreApplication* app = QCoreApplication::instance() ? QCoreApplication::instance()
-                                                                : new QCoreApplication(argc, argv);
-    return *app;
-}
-
-// Spins Qt's loop until the condition holds or the deadline passes.
-bool processUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 5s) {
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeout.count()) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 20);
-    }
-    return true;
-}
-
-} // namespace
+using sprelio::dbustest::application;
+using sprelio::dbustest::processUntil;
 
 TEST(QtMainLoop, PostsRunInOrderFromAnyThreadAndTimersKeepTheirDueOrder) {
     application();
@@ -104,21 +80,10 @@ TEST(ScreenCoordinates, FlipAboutThePrimaryScreensBottomEdge) {
 // signal exactly as logind does.
 class LogindWake : public ::testing::Test {
 protected:
-    void SetUp() override {
-        application();
-        ASSERT_TRUE(folder_.isValid());
-        daemon_.setProgram("dbus-daemon");
-        daemon_.setArguments({"--session", "--nofork", "--print-address=1", "--address=unix:dir=" + folder_.path()});
-        daemon_.start();
-        ASSERT_TRUE(daemon_.waitForStarted(5000)) << "dbus-daemon missing";
-        ASSERT_TRUE(processUntil([&] { return daemon_.canReadLine(); }, 10s)) << "dbus-daemon gave no address";
-        address_ = QString::fromUtf8(daemon_.readLine()).trimmed();
-    }
+    void SetUp() override { ASSERT_TRUE(bus_.failure().isEmpty()) << bus_.failure().toStdString(); }
     void TearDown() override {
         QDBusConnection::disconnectFromBus("monitor");
         QDBusConnection::disconnectFromBus("logind");
-        daemon_.kill();
-        daemon_.waitForFinished(5000);
     }
     void sendPrepareForSleep(QDBusConnection& bus, bool start) {
         auto signal = QDBusMessage::createSignal("/org/freedesktop/login1", "org.freedesktop.login1.Manager",
@@ -126,15 +91,13 @@ protected:
         signal << start;
         ASSERT_TRUE(bus.send(signal));
     }
-    QTemporaryDir folder_;
-    QProcess daemon_;
-    QString address_;
+    sprelio::dbustest::PrivateBus bus_;
 };
 
 TEST_F(LogindWake, OnlyTheEndOfASleepFromLogindIsAWake) {
     QtMainLoop loop;
-    QDBusConnection monitorBus = QDBusConnection::connectToBus(address_, "monitor");
-    QDBusConnection logindBus = QDBusConnection::connectToBus(address_, "logind");
+    QDBusConnection monitorBus = QDBusConnection::connectToBus(bus_.address(), "monitor");
+    QDBusConnection logindBus = QDBusConnection::connectToBus(bus_.address(), "logind");
     ASSERT_TRUE(monitorBus.isConnected() && logindBus.isConnected());
     ASSERT_TRUE(logindBus.registerService("org.freedesktop.login1"));
 
@@ -148,7 +111,7 @@ TEST_F(LogindWake, OnlyTheEndOfASleepFromLogindIsAWake) {
     ASSERT_TRUE(processUntil([&] { return wakes == 1; }));
 
     // Somebody else on the bus sending the same signal is not logind.
-    QDBusConnection impostor = QDBusConnection::connectToBus(address_, "impostor");
+    QDBusConnection impostor = QDBusConnection::connectToBus(bus_.address(), "impostor");
     sendPrepareForSleep(impostor, false);
     sendPrepareForSleep(logindBus, true);
     sendPrepareForSleep(logindBus, false);
@@ -167,7 +130,7 @@ TEST_F(LogindWake, OnlyTheEndOfASleepFromLogindIsAWake) {
 
 TEST_F(LogindWake, NoBusMeansNoListeningAndNoCrash) {
     QtMainLoop loop;
-    QDBusConnection none = QDBusConnection::connectToBus(QString("unix:path=") + folder_.path() + "/absent", "monitor");
+    QDBusConnection none = QDBusConnection::connectToBus(bus_.absentAddress(), "monitor");
     LogindWakeMonitor monitor(loop, none);
     EXPECT_FALSE(monitor.isListening());
     monitor.setWakeHandler([] {});
@@ -277,8 +240,8 @@ TEST(SingleInstance, CommandsFromTheCommandLineGetTheirLinesAndStatus) {
 // wakes of their own; the screen saver starting, or another session's unlock, are not.
 TEST_F(LogindWake, TheScreenSaversEndAndThisSessionsUnlockAreWakes) {
     QtMainLoop loop;
-    QDBusConnection monitorBus = QDBusConnection::connectToBus(address_, "monitor");
-    QDBusConnection logindBus = QDBusConnection::connectToBus(address_, "logind");
+    QDBusConnection monitorBus = QDBusConnection::connectToBus(bus_.address(), "monitor");
+    QDBusConnection logindBus = QDBusConnection::connectToBus(bus_.address(), "logind");
     ASSERT_TRUE(logindBus.registerService("org.freedesktop.login1"));
     const QString ours = QStringLiteral("/org/freedesktop/login1/session/_32");
     sprelio::platform::ScreenWakeMonitor monitor(loop, monitorBus, monitorBus, ours);

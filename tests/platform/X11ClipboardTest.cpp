@@ -122,10 +122,11 @@ TEST_F(X11ClipboardTest, OwnerThatNeverAnswersGivesNothingAfterTheTimeOutWithout
         answered = true;
     });
     // The loop keeps running other work while the read waits.
+    // The tick re-posts itself; it holds itself weakly, so that it goes with this test.
     auto tick = std::make_shared<std::function<void()>>();
-    *tick = [&, tick] {
+    *tick = [&, weak = std::weak_ptr<std::function<void()>>(tick)] {
         ++ticks;
-        if (!answered) loop.postAfter(50ms, *tick);
+        if (const auto self = weak.lock(); self && !answered) loop.postAfter(50ms, *self);
     };
     loop.postAfter(50ms, *tick);
     ASSERT_TRUE(loop.runUntil([&] { return answered; }, 5s));

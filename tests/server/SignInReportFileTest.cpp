@@ -229,7 +229,9 @@ std::string multipartReport(const std::string& boundary, const std::vector<std::
 TEST_F(SignInReportFileTest, ReportIsStoredWithItsThreeParts) {
     std::string boundary = "Boundary-0F6B1C2E-3A4B-4C5D-8E9F-A0B1C2D3E4F5";
     std::string data = R"({"text":"It crashed","phone":"+1","user":{"email":"a@b.c"},"app":"linux-0.1.0"})";
-    std::string logsZip("PK\x03\x04logs\r\n--not-a-boundary\0x", 30);
+    // With a NUL byte inside, counted: 30 bytes of the literal's 31 (its own terminator left out).
+    const char logsBytes[] = "PK\x03\x04logs\r\n--not-a-boundary\0x";
+    std::string logsZip(logsBytes, sizeof logsBytes - 1);
     std::string configZip = "PK\x03\x04config";
     auto body = multipartReport(boundary, {{"data", data}, {"logs", logsZip}, {"config", configZip}});
     httplib::Headers auth{{"Authorization", "Bearer " + token_}};

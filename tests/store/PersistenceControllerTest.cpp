@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <functional>
+#include <vector>
 
 #include "ObjectStoreTestSupport.h"
+#include "StoreTestSupport.h"
 #include "store/DatabaseHelpers.h"
 
 namespace sprelio::store {
@@ -139,21 +142,66 @@ TEST_F(ObjectStoreTest, AFileOfANewerSchemaVersionIsOpenedAsItIs) {
     EXPECT_EQ(RawDatabase(storeFile()).scalar("PRAGMA user_version"), "99");
 }
 
+// A damaged store would stop every start and every command: it is kept aside, byte for byte, and a fresh store
+// takes its place.
+TEST_F(ObjectStoreTest, ADamagedStoreIsSetAsideAndAFreshOneStarts) {
+    struct Case {
+        const char* name;
+        std::function<void(const std::filesystem::path&)> damage;
+    };
+    const std::vector<Case> cases = {
+        {"not a database", [](const std::filesystem::path& file) {
+             std::ofstream out(file, std::ios::binary | std::ios::trunc);
+             for (int i = 0; i < 512; ++i) out << "this is not a database ";
+         }},
+        {"pages overwritten after the header", [](const std::filesystem::path& file) {
+             std::fstream io(file, std::ios::binary | std::ios::in | std::ios::out);
+             io.seekp(100);
+             const std::string junk(4000, 'Z');
+             io.write(junk.data(), static_cast<std::streamsize>(junk.size()));
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove_all(folder.path());
+        {
+            PersistenceController first(folder.path());
+            auto& context = first.container().viewContext();
+            context.insertNew<UserShortcut>()->setUuid(Uuid::random());
+            context.save();
+        }
+        c.damage(storeFile());
+        const std::string damaged = storetest::readAll(storeFile());
+
+        PersistenceController controller(folder.path());
+        const auto aside = controller.movedAsideTo();
+        ASSERT_FALSE(aside.empty());
+        EXPECT_EQ(aside.parent_path(), storeFile().parent_path());
+        EXPECT_TRUE(aside.filename().string().starts_with("Persistence.sqlite.corrupt-")) << aside;
+        EXPECT_EQ(storetest::readAll(aside), damaged);
+        // The fresh store is empty and takes what is saved.
+        auto& context = controller.container().viewContext();
+        EXPECT_TRUE(context.fetchAll<UserShortcut>().empty());
+        context.insertNew<UserShortcut>()->setUuid(Uuid::random());
+        EXPECT_NO_THROW(context.save());
+        EXPECT_TRUE(log.containsPrefix("PersistenceController.init() - the store "));
+    }
+}
+
+TEST_F(ObjectStoreTest, AStoreThatOpensIsNeverSetAside) {
+    { PersistenceController first(folder.path()); }
+    PersistenceController again(folder.path());
+    EXPECT_TRUE(again.movedAsideTo().empty());
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
+        EXPECT_EQ(entry.path().filename().string().find(".corrupt-"), std::string::npos) << entry.path();
+}
+
 class PersistenceDeathTest : public ObjectStoreTest {};
 
 TEST_F(PersistenceDeathTest, ADirectoryAsStoreFileEndsTheProcess) {
     std::filesystem::create_directories(storeFile());
     EXPECT_DEATH(PersistenceController controller(folder.path()),
                  "Unresolved error Error Domain=NSSQLiteErrorDomain Code=14 .*unable to open database file");
-}
-
-TEST_F(PersistenceDeathTest, ACorruptFileEndsTheProcess) {
-    {
-        std::ofstream out(storeFile(), std::ios::binary);
-        for (int i = 0; i < 512; ++i) out << "this is not a database ";
-    }
-    EXPECT_DEATH(PersistenceController controller(folder.path()),
-                 "Unresolved error Error Domain=NSSQLiteErrorDomain Code=26 \"file is not a database\".*, \\[");
 }
 
 TEST_F(PersistenceDeathTest, TheFatalStopAlsoLogsACriticalLine) {

@@ -9,21 +9,10 @@
 
 #include <fstream>
 
-#include "input/KeyCodes.h"
 #include "platform/X11TestSupport.h"
-#include "platform/linux/X11Clipboard.h"
-#include "platform/linux/X11GlobalInput.h"
-#include "platform/linux/X11KeyboardLayout.h"
-#include "platform/linux/X11SyntheticKeyboard.h"
-#include "platform/linux/X11Workspace.h"
-#include "platform/loop/RealTimeLoop.h"
-#include "platform/test/TestPlatform.h"
-#include "store/AppConstants.h"
-#include "store/Settings.h"
-#include "store/SettingsStore.h"
-#include "text/AccesibilityControllerImpl.h"
-#include "text/ClipboardHelper.h"
+#include "platform/test/TemporaryFolder.h"
 #include "text/FrontmostAppTracker.h"
+#include "text/X11TextDeliveryStack.h"
 
 using namespace std::chrono_literals;
 using namespace sprelio;
@@ -49,41 +38,25 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(server.ready()) << "Xvfb did not start";
         ASSERT_TRUE(server.startWindowManager()) << "openbox did not start";
-        input = std::make_unique<platform::X11GlobalInput>(loop, server.name());
-        input->setEventHandler([this](const GlobalInputEvent& e) {
+        delivery.start(server.name(), true);
+        delivery.input->setEventHandler([this](const GlobalInputEvent& e) {
             tapEvents.push_back(e);
             return false;
         });
-        clipboard = std::make_unique<platform::X11Clipboard>(loop, server.name());
-        keyboard = std::make_unique<platform::X11SyntheticKeyboard>(server.name(), input.get());
-        layout = std::make_unique<platform::X11KeyboardLayout>(loop, server.name());
-        keyCodes = std::make_unique<KeyCodes>(*layout);
-        workspace = std::make_unique<platform::X11Workspace>(loop, server.name());
-        helper = std::make_unique<ClipboardHelper>(ClipboardHelperDependencies{
-            loop, *clipboard, *keyboard, *workspace, constants, [this] { return input->isAvailable(); }});
-        controller = std::make_unique<AccesibilityControllerImpl>(AccesibilityControllerDependencies{
-            loop, settings, *workspace, constants, *helper, *keyboard, *keyCodes, *layout});
     }
     void TearDown() override {
-        controller.reset();
-        helper.reset();
-        workspace.reset();
-        keyCodes.reset();
-        layout.reset();
-        keyboard.reset();
-        clipboard.reset();
-        input.reset();
+        delivery.stop();
         server.stop();
     }
 
     bool spinUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 15000ms) {
-        return x11test::spinUntil(loop, condition, timeout);
+        return x11test::spinUntil(delivery.loop, condition, timeout);
     }
     // Focused, and the window manager says so too (it updates the active window a moment after the focus).
     bool inFront(const TestClient& client) {
         if (!client.waitUntilFocused()) return false;
         return spinUntil([&] {
-            const auto front = workspace->frontmostApplication();
+            const auto front = delivery.workspace->frontmostApplication();
             return front && front->processIdentifier == client.pid();
         });
     }
@@ -93,12 +66,13 @@ protected:
         std::ofstream(file, std::ios::binary) << text;
         // xclip takes the clipboard from its background process, a moment after the command returns.
         return server.run("xclip -selection clipboard -i " + file.string()) &&
-               spinUntil([&] { return !clipboard->ownsClipboard() && clipboardText() == text; });
+               spinUntil([&] { return !delivery.clipboard->ownsClipboard() && clipboardText() == text; });
     }
     std::string clipboardText() { return server.output("xclip -selection clipboard -o -t UTF8_STRING"); }
     // The layout changes; the key vocabulary has the new one once `loaded` holds.
     bool setLayout(const std::string& command, const std::function<bool()>& loaded) {
-        return server.run(command) && spinUntil([&] { return loaded() && keyCodes->cachedLayoutCount() == 0; });
+        return server.run(command) &&
+               spinUntil([&] { return loaded() && delivery.keyCodes->cachedLayoutCount() == 0; });
     }
     void selectGroup(unsigned group) {
         Display* d = XOpenDisplay(server.name().c_str());
@@ -109,27 +83,15 @@ protected:
     // Pastes `text` into the client and checks that the user's clipboard text comes back afterwards.
     void pasteAndCheck(TestClient& client, std::string& expected, const std::string& text, const std::string& mark) {
         ASSERT_TRUE(otherProgramCopies("the user's clipboard " + mark));
-        controller->injectTextViaPaste(text, std::nullopt);
+        delivery.controller->injectTextViaPaste(text, std::nullopt);
         expected += text;
         ASSERT_TRUE(spinUntil([&] { return client.text() == expected; })) << mark << ": " << client.text();
         ASSERT_TRUE(spinUntil([&] { return clipboardText() == "the user's clipboard " + mark; })) << mark;
     }
 
     XServer server;
-    platform::RealTimeLoop loop;
-    platform::test::TestPlatform folders; // the folders of the constants; its loop is not used here
+    texttest::X11TextDeliveryStack delivery;
     platform::test::TemporaryFolder files;
-    store::AppConstants constants{folders};
-    store::MemorySettingsStore defaults;
-    store::Settings settings{defaults, constants};
-    std::unique_ptr<platform::X11GlobalInput> input;
-    std::unique_ptr<platform::X11Clipboard> clipboard;
-    std::unique_ptr<platform::X11SyntheticKeyboard> keyboard;
-    std::unique_ptr<platform::X11KeyboardLayout> layout;
-    std::unique_ptr<KeyCodes> keyCodes;
-    std::unique_ptr<platform::X11Workspace> workspace;
-    std::unique_ptr<ClipboardHelper> helper;
-    std::unique_ptr<AccesibilityControllerImpl> controller;
     std::vector<GlobalInputEvent> tapEvents;
     int copies = 0;
 };
@@ -140,18 +102,18 @@ TEST_F(TextDeliveryX11Test, PastedTextArrivesUnderEveryLayoutAndTheUsersClipboar
     std::string expected;
     pasteAndCheck(client, expected, kDictated, "us");
 
-    ASSERT_TRUE(setLayout("setxkbmap de", [&] { return layout->character(16) == "z"; }));
+    ASSERT_TRUE(setLayout("setxkbmap de", [&] { return delivery.layout->character(16) == "z"; }));
     pasteAndCheck(client, expected, " deutsch: Straße", "de");
 
     // Dvorak: V is on another key, which the paste must use.
-    ASSERT_TRUE(setLayout("setxkbmap us -variant dvorak", [&] { return layout->character(47) == "v"; }));
-    ASSERT_EQ(keyCodes->keyCode(Key::v), 47);
+    ASSERT_TRUE(setLayout("setxkbmap us -variant dvorak", [&] { return delivery.layout->character(47) == "v"; }));
+    ASSERT_EQ(delivery.keyCodes->keyCode(Key::v), 47);
     pasteAndCheck(client, expected, " dvorak", "dvorak");
 
     // Russian selected: the keys are Cyrillic, the paste is still Control plus the key of V.
-    ASSERT_TRUE(setLayout("setxkbmap -layout us,ru", [&] { return layout->character(47) == "."; }));
+    ASSERT_TRUE(setLayout("setxkbmap -layout us,ru", [&] { return delivery.layout->character(47) == "."; }));
     selectGroup(1);
-    ASSERT_TRUE(spinUntil([&] { return layout->currentLayoutLocalizedName() == "Russian"; }));
+    ASSERT_TRUE(spinUntil([&] { return delivery.layout->currentLayoutLocalizedName() == "Russian"; }));
     pasteAndCheck(client, expected, " русский", "ru");
     selectGroup(0);
 
@@ -176,7 +138,7 @@ TEST_F(TextDeliveryX11Test, TerminalGetsControlShiftVAndAJavaApplicationGetsTheT
     TestClient java(server, named("java"));
     ASSERT_TRUE(inFront(java)) << java.describe();
     ASSERT_TRUE(otherProgramCopies("left alone"));
-    controller->injectTextViaPaste(kDictated + "\nline two", std::nullopt);
+    delivery.controller->injectTextViaPaste(kDictated + "\nline two", std::nullopt);
     ASSERT_TRUE(spinUntil([&] { return java.text() == kDictated + "\nline two"; })) << java.text();
     EXPECT_EQ(clipboardText(), "left alone");
     for (unsigned state : java.pressStates("v")) EXPECT_FALSE(state & ControlMask); // typed, not pasted
@@ -218,7 +180,7 @@ TEST_F(TextDeliveryX11Test, SelectionComesFromTheApplicationInFrontOrFromItsCopy
     ASSERT_TRUE(inFront(client)) << client.describe();
     bool done = false;
     std::optional<std::string> selected;
-    helper->getSelectedTextFromFrontmostApp([&](std::optional<std::string> text) {
+    delivery.helper->getSelectedTextFromFrontmostApp([&](std::optional<std::string> text) {
         selected = std::move(text);
         done = true;
     });
@@ -231,7 +193,7 @@ TEST_F(TextDeliveryX11Test, SelectionComesFromTheApplicationInFrontOrFromItsCopy
     ASSERT_TRUE(server.run("xclip -selection primary -i " + file.string()));
     ASSERT_TRUE(spinUntil([&] { return server.output("xclip -selection primary -o") == "someone else's"; }));
     done = false;
-    helper->getSelectedTextFromFrontmostApp([&](std::optional<std::string> text) {
+    delivery.helper->getSelectedTextFromFrontmostApp([&](std::optional<std::string> text) {
         selected = std::move(text);
         done = true;
     });
@@ -240,7 +202,7 @@ TEST_F(TextDeliveryX11Test, SelectionComesFromTheApplicationInFrontOrFromItsCopy
 
     // The copy command: the application puts its selection on the clipboard.
     done = false;
-    helper->getStringWithCommandC([&](std::optional<std::string> text) {
+    delivery.helper->getStringWithCommandC([&](std::optional<std::string> text) {
         selected = std::move(text);
         done = true;
     });
@@ -251,8 +213,8 @@ TEST_F(TextDeliveryX11Test, SelectionComesFromTheApplicationInFrontOrFromItsCopy
 TEST_F(TextDeliveryX11Test, TrackerFollowsActivationsOfTheDesktop) {
     std::vector<std::string> calls;
     FrontmostAppTracker tracker{FrontmostAppTrackerDependencies{
-        loop, *workspace, [&] { calls.push_back("deregister"); }, [&](bool) { calls.push_back("register"); },
-        [] { return true; }, [] {}, [] {}}};
+        delivery.loop, *delivery.workspace, [&] { calls.push_back("deregister"); },
+        [&](bool) { calls.push_back("register"); }, [] { return true; }, [] {}, [] {}}};
     TestClient first(server, named("FirstApp"));
     ASSERT_TRUE(inFront(first)) << first.describe();
     ASSERT_TRUE(spinUntil([&] { return tracker.currentApp() && tracker.currentApp()->pid == first.pid(); }));

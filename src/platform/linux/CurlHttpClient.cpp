@@ -122,6 +122,9 @@ struct Transfer {
     std::int64_t bodySize = 0;
     bool hasBody = false;
     bool streamsLines = false;
+    // Read here rather than from the delivery, whose callbacks the main loop may let go of at any time (a cancel).
+    bool wantsResponse = false;
+    bool wantsUploadProgress = false;
     bool loopback = false;
     std::chrono::milliseconds timeout{0};
     std::optional<std::chrono::milliseconds> totalTimeout;
@@ -191,8 +194,8 @@ struct Transfer {
     void postHeadIfNeeded() {
         if (headPosted) return;
         headPosted = true;
-        if (!delivery->onResponse) return;
-        post([response = head()](Delivery& d) { d.onResponse(response); });
+        if (!wantsResponse) return;
+        post([response = head()](Delivery& d) { if (d.onResponse) d.onResponse(response); });
     }
 
     void abortWith(long code, std::string description) {
@@ -306,7 +309,7 @@ std::size_t receiveBody(char* data, std::size_t size, std::size_t items, void* u
         t.lastLineAt = t.lastActivity;
         t.post([lines = std::move(lines)](Delivery& d) {
             for (const auto& line : lines) {
-                if (d.cancelled.load()) return;
+                if (d.cancelled.load() || !d.onLine) return;
                 d.onLine(line);
             }
         });
@@ -326,12 +329,12 @@ int transferProgress(void* user, curl_off_t, curl_off_t dlNow, curl_off_t ulTota
         t.lastUl = ulNow;
         t.lastActivity = now;
     }
-    if (t.delivery->onUploadProgress && ulTotal > 0 && ulNow != t.lastPostedUl &&
+    if (t.wantsUploadProgress && ulTotal > 0 && ulNow != t.lastPostedUl &&
         (ulNow == ulTotal || now - t.lastProgressPost >= kProgressInterval)) {
         t.lastPostedUl = ulNow;
         t.lastProgressPost = now;
         t.post([sent = std::int64_t(ulNow), total = std::int64_t(ulTotal)](Delivery& d) {
-            d.onUploadProgress(sent, total);
+            if (d.onUploadProgress) d.onUploadProgress(sent, total);
         });
     }
     if (now - t.lastActivity >= t.timeout) {
@@ -430,6 +433,7 @@ public:
         active_.clear();
         std::lock_guard lock(mutex_);
         adds_.clear();
+        cancels_.clear();
         curl_multi_cleanup(multi_);
         multi_ = nullptr;
     }
@@ -578,7 +582,7 @@ private:
             if (t.streamsLines) {
                 std::string_view rest = t.lineBuffer;
                 if (!rest.empty() && rest.back() == '\r') rest.remove_suffix(1);
-                if (!rest.empty()) t.post([line = std::string(rest)](Delivery& d) { d.onLine(line); });
+                if (!rest.empty()) t.post([line = std::string(rest)](Delivery& d) { if (d.onLine) d.onLine(line); });
             }
             HttpResponse response = t.head();
             response.body = std::move(t.body);
@@ -632,10 +636,29 @@ private:
 
 CurlHttpClient::CurlHttpClient(MainLoop& loop) : engine_(std::make_shared<Engine>(loop)) {}
 
-CurlHttpClient::~CurlHttpClient() { engine_->stop(); }
+// The client is gone, so no callback of a request of its will run, not even one already posted to the loop. They
+// go now: what they hold often holds the request's task, and through it the callbacks themselves, a circle that
+// would otherwise outlive everything. The transport thread has ended; the loop runs on this thread.
+CurlHttpClient::~CurlHttpClient() {
+    engine_->stop();
+    std::lock_guard lock(deliveriesMutex_);
+    for (const auto& weak : deliveries_) {
+        const auto delivery = std::static_pointer_cast<Delivery>(weak.lock());
+        if (!delivery) continue;
+        delivery->completion = nullptr;
+        delivery->onLine = nullptr;
+        delivery->onUploadProgress = nullptr;
+        delivery->onResponse = nullptr;
+    }
+}
 
 std::shared_ptr<HttpTask> CurlHttpClient::send(HttpRequest request, Completion completion) {
     auto delivery = std::make_shared<Delivery>();
+    {
+        std::lock_guard lock(deliveriesMutex_);
+        std::erase_if(deliveries_, [](const std::weak_ptr<void>& weak) { return weak.expired(); });
+        deliveries_.push_back(delivery);
+    }
     delivery->completion = std::move(completion);
     delivery->onUploadProgress = std::move(request.onUploadProgress);
     delivery->onLine = std::move(request.onLine);
@@ -707,6 +730,8 @@ std::shared_ptr<HttpTask> CurlHttpClient::send(HttpRequest request, Completion c
     }
     transfer->segments = request.body.segments();
     transfer->streamsLines = static_cast<bool>(delivery->onLine);
+    transfer->wantsResponse = static_cast<bool>(delivery->onResponse);
+    transfer->wantsUploadProgress = static_cast<bool>(delivery->onUploadProgress);
     transfer->loopback = loopback;
     transfer->timeout = std::max(request.timeout, std::chrono::milliseconds(1));
     transfer->totalTimeout = request.totalTimeout;

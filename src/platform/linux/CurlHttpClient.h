@@ -10,6 +10,8 @@
 // - Redirects are not followed: a 3xx answer is handed to the caller as it is.
 // - Failures carry the codes of the URL loading domain ("NSURLErrorDomain").
 #include <memory>
+#include <mutex>
+#include <vector>
 
 #include "platform/Http.h"
 #include "platform/MainLoop.h"
@@ -30,6 +32,9 @@ public:
 
 private:
     std::shared_ptr<Engine> engine_;
+    // Every request not yet forgotten (its callbacks are let go of when the client goes).
+    std::mutex deliveriesMutex_;
+    std::vector<std::weak_ptr<void>> deliveries_;
 };
 
 // True for 127.0.0.0/8, ::1 (with or without brackets) and "localhost" (any case).

@@ -9,12 +9,11 @@
 // Why nothing is lost at the end: stop() asks the stream how much audio is still on its way (the source's and the
 // transport's latency) and keeps delivering until that much has arrived, then corks.
 #include <chrono>
-#include <cstdint>
 #include <string>
-#include <vector>
 
 #include "platform/AudioCapture.h"
 #include "platform/linux/PulseAudioConnection.h"
+#include "platform/linux/PulseRecordStream.h"
 
 namespace sprelio::platform {
 
@@ -37,24 +36,16 @@ public:
 
 private:
     bool ensureStream(std::string& error);
-    void dropStreamLocked();
     void failLocked(const std::string& message);
-    static void streamStateCallback(pa_stream* stream, void* userdata);
-    static void streamReadCallback(pa_stream* stream, size_t bytes, void* userdata);
 
     PulseAudioConnection& connection_;
     std::string streamName_;
 
     // Under the connection's lock.
-    pa_stream* stream_ = nullptr;
-    std::uint64_t streamGeneration_ = 0;
     bool active_ = false;
-    bool stopping_ = false;
-    std::uint64_t framesSinceStop_ = 0;
-    std::uint64_t stopTarget_ = 0;
     SamplesHandler onSamples_;
     ErrorHandler onError_;
-    std::vector<float> scratch_;
+    PulseRecordStream stream_;
 };
 
 } // namespace sprelio::platform

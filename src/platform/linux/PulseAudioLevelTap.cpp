@@ -27,12 +27,18 @@ void sourceInfoCallback(pa_context*, const pa_source_info* info, int eol, void* 
 } // namespace
 
 PulseAudioLevelTap::PulseAudioLevelTap(PulseAudioConnection& connection, std::string streamName)
-    : connection_(connection), streamName_(std::move(streamName)) {}
+    : connection_(connection), streamName_(std::move(streamName)),
+      stream_(
+          connection, [this](const float* samples, std::size_t frames) { return takeFramesLocked(samples, frames); },
+          [](pa_context* context) {
+              logError(std::string("PulseAudioLevelTap - the level stream ended: ") +
+                       (context ? pa_strerror(pa_context_errno(context)) : "stream ended"));
+          }) {}
 
 PulseAudioLevelTap::~PulseAudioLevelTap() {
     PulseAudioConnection::Lock lock(connection_);
     handler_ = nullptr;
-    dropStreamLocked();
+    stream_.closeLocked();
 }
 
 std::optional<AudioStreamFormat> PulseAudioLevelTap::inputFormat() {
@@ -63,49 +69,16 @@ void PulseAudioLevelTap::removeTap() {
     pending_.clear();
 }
 
-void PulseAudioLevelTap::dropStreamLocked() {
-    if (!stream_) return;
-    pa_stream_set_state_callback(stream_, nullptr, nullptr);
-    pa_stream_set_read_callback(stream_, nullptr, nullptr);
-    const auto state = pa_stream_get_state(stream_);
-    if (state == PA_STREAM_READY || state == PA_STREAM_CREATING) pa_stream_disconnect(stream_);
-    pa_stream_unref(stream_);
-    stream_ = nullptr;
-}
-
-void PulseAudioLevelTap::streamStateCallback(pa_stream* stream, void* userdata) {
-    auto* self = static_cast<PulseAudioLevelTap*>(userdata);
-    if (stream != self->stream_) return;
-    const auto state = pa_stream_get_state(stream);
-    if (state == PA_STREAM_FAILED || state == PA_STREAM_TERMINATED) {
-        pa_context* context = pa_stream_get_context(stream);
-        logError(std::string("PulseAudioLevelTap - the level stream ended: ") +
-                 (context ? pa_strerror(pa_context_errno(context)) : "stream ended"));
-    }
-    self->connection_.notify();
-}
-
-void PulseAudioLevelTap::streamReadCallback(pa_stream* stream, size_t, void* userdata) {
-    auto* self = static_cast<PulseAudioLevelTap*>(userdata);
-    const unsigned channels = std::max(1u, self->format_.channels);
-    for (;;) {
-        const void* data = nullptr;
-        size_t bytes = 0;
-        if (pa_stream_peek(stream, &data, &bytes) < 0 || bytes == 0) break;
-        // A hole in the stream carries no audio: no level can be taken from it.
-        if (data && self->handler_ && self->bufferSize_ > 0) {
-            const auto* samples = static_cast<const float*>(data);
-            const std::size_t frames = bytes / (sizeof(float) * channels);
-            for (std::size_t frame = 0; frame < frames; ++frame) {
-                self->pending_.push_back(samples[frame * channels]);
-                if (self->pending_.size() == self->bufferSize_) {
-                    self->handler_(self->pending_.data(), self->pending_.size());
-                    self->pending_.clear();
-                }
-            }
+bool PulseAudioLevelTap::takeFramesLocked(const float* samples, std::size_t frames) {
+    if (!handler_ || bufferSize_ == 0) return false;
+    for (std::size_t frame = 0; frame < frames; ++frame) {
+        pending_.push_back(samples[frame * channels_]);
+        if (pending_.size() == bufferSize_) {
+            handler_(pending_.data(), pending_.size());
+            pending_.clear();
         }
-        pa_stream_drop(stream);
     }
+    return true;
 }
 
 bool PulseAudioLevelTap::start(std::string& error) {
@@ -116,57 +89,38 @@ bool PulseAudioLevelTap::start(std::string& error) {
     }
     {
         PulseAudioConnection::Lock lock(connection_);
-        dropStreamLocked();
+        stream_.closeLocked();
         pending_.clear();
         pa_context* context = connection_.readyContext();
         if (!context) {
             error = "the sound server is not reachable";
             return false;
         }
-        const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, std::uint32_t(format_.sampleRate),
-                                  std::uint8_t(std::max(1u, format_.channels))};
-        if (!pa_sample_spec_valid(&spec)) {
+        PulseRecordStream::Options options;
+        options.name = streamName_;
+        options.spec = pa_sample_spec{PA_SAMPLE_FLOAT32LE, std::uint32_t(format_.sampleRate),
+                                      std::uint8_t(std::max(1u, format_.channels))};
+        if (!pa_sample_spec_valid(&options.spec)) {
             error = "the input's format can't be captured";
             return false;
         }
-        stream_ = pa_stream_new(context, streamName_.c_str(), &spec, nullptr);
-        if (!stream_) {
-            error = std::string("pa_stream_new: ") + pa_strerror(pa_context_errno(context));
-            return false;
-        }
-        pa_stream_set_state_callback(stream_, &PulseAudioLevelTap::streamStateCallback, this);
-        pa_stream_set_read_callback(stream_, &PulseAudioLevelTap::streamReadCallback, this);
-        pa_buffer_attr attr{};
-        attr.maxlength = std::uint32_t(-1);
-        attr.tlength = std::uint32_t(-1);
-        attr.prebuf = std::uint32_t(-1);
-        attr.minreq = std::uint32_t(-1);
         // Fragments of one buffer: each arrives as soon as it is complete.
-        attr.fragsize = std::uint32_t(bufferSize_ * pa_frame_size(&spec));
+        options.fragmentBytes = std::uint32_t(bufferSize_ * pa_frame_size(&options.spec));
         // No device named: the stream follows the default source, as the recorders do.
-        if (pa_stream_connect_record(stream_, nullptr, &attr, PA_STREAM_ADJUST_LATENCY) < 0) {
-            error = std::string("pa_stream_connect_record: ") + pa_strerror(pa_context_errno(context));
-            dropStreamLocked();
-            return false;
-        }
+        options.flags = PA_STREAM_ADJUST_LATENCY;
+        // A hole in the stream carries no audio: no level can be taken from it.
+        options.holes = PulseRecordStream::Holes::skip;
+        channels_ = options.spec.channels;
+        if (!stream_.openLocked(context, options, error)) return false;
     }
-    const bool settled = connection_.waitUntil(
-        [&] {
-            if (!stream_) return true;
-            const auto state = pa_stream_get_state(stream_);
-            return state == PA_STREAM_READY || state == PA_STREAM_FAILED || state == PA_STREAM_TERMINATED;
-        },
-        deadline);
+    const bool settled = stream_.waitSettled(deadline);
     PulseAudioConnection::Lock lock(connection_);
-    if (settled && stream_ && pa_stream_get_state(stream_) == PA_STREAM_READY) return true;
-    error = settled ? "the level stream could not be opened" : "the level stream did not open in time";
-    dropStreamLocked();
-    return false;
+    return stream_.keepIfReadyLocked(settled, "the level stream", error);
 }
 
 void PulseAudioLevelTap::stop() {
     PulseAudioConnection::Lock lock(connection_);
-    dropStreamLocked();
+    stream_.closeLocked();
     pending_.clear();
 }
 

@@ -6,12 +6,12 @@
 // Its handler runs on the connection's thread, under the connection's lock, so stop() can promise that no handler
 // runs after it returns.
 #include <chrono>
-#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "platform/AudioLevelTap.h"
 #include "platform/linux/PulseAudioConnection.h"
+#include "platform/linux/PulseRecordStream.h"
 
 namespace sprelio::platform {
 
@@ -31,19 +31,18 @@ public:
     void stop() override;
 
 private:
-    void dropStreamLocked();
-    static void streamStateCallback(pa_stream* stream, void* userdata);
-    static void streamReadCallback(pa_stream* stream, size_t bytes, void* userdata);
+    bool takeFramesLocked(const float* samples, std::size_t frames);
 
     PulseAudioConnection& connection_;
     std::string streamName_;
 
     // Under the connection's lock.
-    pa_stream* stream_ = nullptr;
     std::size_t bufferSize_ = 0;
     AudioStreamFormat format_;
+    unsigned channels_ = 1; // of the stream that runs
     BufferHandler handler_;
     std::vector<float> pending_; // channel 0 of the buffer being filled
+    PulseRecordStream stream_;
 };
 
 } // namespace sprelio::platform

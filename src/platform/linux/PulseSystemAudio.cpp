@@ -1,8 +1,5 @@
 #include "platform/linux/PulseSystemAudio.h"
 
-#include <algorithm>
-#include <cstring>
-
 #include "base/Log.h"
 
 namespace sprelio::platform {
@@ -68,8 +65,22 @@ const char* roleText(SystemAudioSource source) {
 } // namespace
 
 PulseSourceCapture::PulseSourceCapture(SystemAudioSource source)
-    : source_(source), connection_(source == SystemAudioSource::computerSound ? "Sprelio computer sound"
-                                                                              : "Sprelio microphone") {}
+    : source_(source),
+      connection_(source == SystemAudioSource::computerSound ? "Sprelio computer sound" : "Sprelio microphone"),
+      stream_(
+          connection_,
+          [this](const float* samples, std::size_t frames) {
+              if (!active_ || !onSamples_) return false;
+              onSamples_(samples, frames);
+              return true;
+          },
+          [this](pa_context* context) {
+              const int code = context ? pa_context_errno(context) : PA_ERR_UNKNOWN;
+              const bool serverGone = !context || !PA_CONTEXT_IS_GOOD(pa_context_get_state(context));
+              // A stream tied to its device is killed when the device is removed.
+              endLocked(serverGone ? End::serverLost : End::deviceRemoved,
+                        std::string("the stream of ") + sourceName_ + " ended: " + pa_strerror(code));
+          }) {}
 
 PulseSourceCapture::~PulseSourceCapture() {
     PulseAudioConnection::Lock lock(connection_);
@@ -77,7 +88,7 @@ PulseSourceCapture::~PulseSourceCapture() {
     onSamples_ = nullptr;
     onEnded_ = nullptr;
     if (pa_context* context = connection_.readyContext()) pa_context_set_subscribe_callback(context, nullptr, nullptr);
-    dropStreamLocked();
+    stream_.closeLocked();
 }
 
 std::string PulseSourceCapture::deviceName() const {
@@ -85,20 +96,9 @@ std::string PulseSourceCapture::deviceName() const {
     return description_;
 }
 
-void PulseSourceCapture::dropStreamLocked() {
-    if (!stream_) return;
-    pa_stream_set_state_callback(stream_, nullptr, nullptr);
-    pa_stream_set_read_callback(stream_, nullptr, nullptr);
-    const auto state = pa_stream_get_state(stream_);
-    if (state == PA_STREAM_READY || state == PA_STREAM_CREATING) pa_stream_disconnect(stream_);
-    pa_stream_unref(stream_);
-    stream_ = nullptr;
-}
-
 void PulseSourceCapture::endLocked(End why, const std::string& detail) {
     const bool wasActive = active_;
     active_ = false;
-    stopping_ = false;
     auto onEnded = std::move(onEnded_);
     onSamples_ = nullptr;
     onEnded_ = nullptr;
@@ -155,47 +155,6 @@ bool PulseSourceCapture::resolveDevice(std::string& error) {
     return true;
 }
 
-void PulseSourceCapture::stateCallback(pa_stream* stream, void* userdata) {
-    auto* self = static_cast<PulseSourceCapture*>(userdata);
-    if (stream != self->stream_) return;
-    const auto state = pa_stream_get_state(stream);
-    if (state == PA_STREAM_FAILED || state == PA_STREAM_TERMINATED) {
-        pa_context* context = pa_stream_get_context(stream);
-        const int code = context ? pa_context_errno(context) : PA_ERR_UNKNOWN;
-        const bool serverGone = !context || !PA_CONTEXT_IS_GOOD(pa_context_get_state(context));
-        // A stream tied to its device is killed when the device is removed.
-        self->endLocked(serverGone ? End::serverLost : End::deviceRemoved,
-                        std::string("the stream of ") + self->sourceName_ + " ended: " + pa_strerror(code));
-        return;
-    }
-    self->connection_.notify();
-}
-
-void PulseSourceCapture::readCallback(pa_stream* stream, size_t, void* userdata) {
-    auto* self = static_cast<PulseSourceCapture*>(userdata);
-    for (;;) {
-        const void* data = nullptr;
-        size_t bytes = 0;
-        if (pa_stream_peek(stream, &data, &bytes) < 0 || bytes == 0) break;
-        if (self->active_ && self->onSamples_) {
-            const size_t frames = bytes / sizeof(float);
-            self->scratch_.resize(frames);
-            // A hole is audio that never came: silence keeps the timing right.
-            if (data) {
-                std::memcpy(self->scratch_.data(), data, frames * sizeof(float));
-            } else {
-                std::fill(self->scratch_.begin(), self->scratch_.end(), 0.0f);
-            }
-            self->onSamples_(self->scratch_.data(), frames);
-            if (self->stopping_) {
-                self->framesSinceStop_ += frames;
-                if (self->framesSinceStop_ >= self->stopTarget_) self->connection_.notify();
-            }
-        }
-        pa_stream_drop(stream);
-    }
-}
-
 void PulseSourceCapture::subscribeCallback(pa_context* context, pa_subscription_event_type_t type, std::uint32_t,
                                            void* userdata) {
     auto* self = static_cast<PulseSourceCapture*>(userdata);
@@ -228,7 +187,7 @@ bool PulseSourceCapture::start(SamplesHandler onSamples, EndedHandler onEnded, s
     const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
     {
         PulseAudioConnection::Lock lock(connection_);
-        if (active_ || stream_) {
+        if (active_ || stream_.isOpenLocked()) {
             error = "the capture has already run";
             return false;
         }
@@ -248,48 +207,35 @@ bool PulseSourceCapture::start(SamplesHandler onSamples, EndedHandler onEnded, s
         pa_context_set_subscribe_callback(context, &PulseSourceCapture::subscribeCallback, this);
         if (pa_operation* o = pa_context_subscribe(context, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr))
             pa_operation_unref(o);
-        stream_ = pa_stream_new(context, source_ == SystemAudioSource::computerSound ? "Computer sound" : "Microphone",
-                                &kSpec, nullptr);
-        if (!stream_) {
-            error = std::string("pa_stream_new: ") + pa_strerror(pa_context_errno(context));
-            return false;
-        }
-        pa_stream_set_state_callback(stream_, &PulseSourceCapture::stateCallback, this);
-        pa_stream_set_read_callback(stream_, &PulseSourceCapture::readCallback, this);
-        pa_buffer_attr attr{};
-        attr.maxlength = std::uint32_t(-1);
-        attr.tlength = std::uint32_t(-1);
-        attr.prebuf = std::uint32_t(-1);
-        attr.minreq = std::uint32_t(-1);
-        attr.fragsize = std::uint32_t(pa_usec_to_bytes(kFragmentMicroseconds, &kSpec));
+        PulseRecordStream::Options options;
+        options.name = source_ == SystemAudioSource::computerSound ? "Computer sound" : "Microphone";
+        options.spec = kSpec;
+        options.fragmentBytes = std::uint32_t(pa_usec_to_bytes(kFragmentMicroseconds, &kSpec));
+        options.device = sourceName_;
+        options.flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE |
+                                          PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING);
         onSamples_ = std::move(onSamples);
         onEnded_ = std::move(onEnded);
         active_ = true;
-        const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE |
-                                             PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING);
-        if (pa_stream_connect_record(stream_, sourceName_.c_str(), &attr, flags) < 0) {
-            error = std::string("pa_stream_connect_record: ") + pa_strerror(pa_context_errno(context));
+        if (!stream_.openLocked(context, options, error)) {
             active_ = false;
             onSamples_ = nullptr;
             onEnded_ = nullptr;
-            dropStreamLocked();
             return false;
         }
     }
-    const bool settled = connection_.waitUntil(
-        [&] { return !stream_ || !active_ || pa_stream_get_state(stream_) != PA_STREAM_CREATING; }, deadline);
+    const bool settled = stream_.waitSettled(deadline, [&] { return !active_; });
     PulseAudioConnection::Lock lock(connection_);
-    if (settled && stream_ && active_ && pa_stream_get_state(stream_) == PA_STREAM_READY) {
+    // Ended while it opened (the device went away or stopped being the default): it never started.
+    if (!active_) stream_.closeLocked();
+    if (stream_.keepIfReadyLocked(settled, "the capture stream of " + sourceName_, error)) {
         logInfo(std::string("PulseSourceCapture.start() - recording the ") + roleText(source_) + " from " +
                 sourceName_ + " (" + description_ + ")");
         return true;
     }
-    error = settled ? "the capture stream of " + sourceName_ + " could not be opened"
-                    : "the capture stream of " + sourceName_ + " did not open in time";
     active_ = false;
     onSamples_ = nullptr;
     onEnded_ = nullptr;
-    dropStreamLocked();
     return false;
 }
 
@@ -297,30 +243,21 @@ void PulseSourceCapture::stop() {
     std::chrono::steady_clock::time_point deadline;
     {
         PulseAudioConnection::Lock lock(connection_);
-        if (!active_ || !stream_) {
+        if (!active_ || !stream_.isOpenLocked()) {
             active_ = false;
             onSamples_ = nullptr;
             onEnded_ = nullptr;
-            dropStreamLocked();
+            stream_.closeLocked();
             return;
         }
-        // What was captured before this moment but hasn't reached us yet is the stream's latency.
-        pa_usec_t latency = 0;
-        int negative = 0;
-        if (pa_stream_get_latency(stream_, &latency, &negative) < 0 || negative) latency = 2 * kFragmentMicroseconds;
-        latency = std::min<pa_usec_t>(latency, pa_usec_t(kMaxDrain.count()) * 1000);
-        stopTarget_ = std::uint64_t(latency) * kSampleRate / 1000000;
-        framesSinceStop_ = 0;
-        stopping_ = true;
-        deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(latency) + kMaxDrain;
+        deadline = stream_.beginDrainLocked(kMaxDrain, kMaxDrain);
     }
-    connection_.waitUntil([&] { return !active_ || framesSinceStop_ >= stopTarget_; }, deadline);
+    stream_.waitDrained(deadline, [&] { return !active_; });
     PulseAudioConnection::Lock lock(connection_);
     active_ = false;
-    stopping_ = false;
     onSamples_ = nullptr;
     onEnded_ = nullptr;
-    dropStreamLocked();
+    stream_.closeLocked();
 }
 
 } // namespace sprelio::platform

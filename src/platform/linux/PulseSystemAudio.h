@@ -11,10 +11,10 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "platform/SystemAudio.h"
 #include "platform/linux/PulseAudioConnection.h"
+#include "platform/linux/PulseRecordStream.h"
 
 namespace sprelio::platform {
 
@@ -35,10 +35,7 @@ public:
 private:
     bool resolveDevice(std::string& error);
     void endLocked(End why, const std::string& detail);
-    void dropStreamLocked();
     void checkDefaultLocked(pa_context* context);
-    static void stateCallback(pa_stream* stream, void* userdata);
-    static void readCallback(pa_stream* stream, size_t bytes, void* userdata);
     static void subscribeCallback(pa_context* context, pa_subscription_event_type_t type, std::uint32_t index,
                                   void* userdata);
 
@@ -49,14 +46,10 @@ private:
     std::string roleDevice_;   // the default sink (computer sound) or source (microphone) at the start
     std::string sourceName_;   // what the stream records: the sink's monitor, or the source itself
     std::string description_;
-    pa_stream* stream_ = nullptr;
     bool active_ = false;
-    bool stopping_ = false;
-    std::uint64_t framesSinceStop_ = 0;
-    std::uint64_t stopTarget_ = 0;
     SamplesHandler onSamples_;
     EndedHandler onEnded_;
-    std::vector<float> scratch_;
+    PulseRecordStream stream_;
 };
 
 class PulseSystemAudio final : public SystemAudio {

@@ -127,6 +127,8 @@ QtResultsWindow::QtResultsWindow(IntelligenceResultsView& view, const QtScreens&
     listLayout_->setContentsMargins(4, 0, 4, 0);
     listLayout_->setSpacing(2);
     scroll_->setWidget(list_);
+    list_->installEventFilter(this);
+    scroll_->viewport()->installEventFilter(this);
     body->addWidget(scroll_, 5);
     layout->addLayout(body, 1);
 
@@ -250,6 +252,11 @@ bool QtResultsWindow::eventFilter(QObject* watched, QEvent* event) {
         return translated && view_.keyDown(translated->keyCode, translated->flags);
     }
     if (event->type() == QEvent::MouseButtonPress && watched == editor_->viewport()) view_.editorTapped();
+    // Buttons made or a window shown just now have their places only once the layout has run and the window
+    // manager has sized the window: the selection is brought into view again then, never left out of sight.
+    if (event->type() == QEvent::Resize && (watched == list_ || watched == scroll_->viewport())) {
+        if (auto* button = buttonFor(view_.selectedItemId())) scroll_->ensureWidgetVisible(button, 4, 4);
+    }
     return QWidget::eventFilter(watched, event);
 }
 

@@ -16,6 +16,7 @@
 #include "base/Log.h"
 #include "input/KeyShortcutRecorder.h"
 #include "platform/qt/MainWindowPanes.h"
+#include "ui/CompositorBindings.h"
 #include "shared/ShortcutAction.h"
 #include "ui/ShortcutRows.h"
 
@@ -62,6 +63,14 @@ ShortcutEditor::ShortcutEditor(ShortcutEditorDependencies deps, QWidget* parent)
     message_->setPalette(red);
     message_->hide();
     layout_->addWidget(message_);
+    if (deps_.showCompositorBindings) {
+        bindings_ = new QLabel(this);
+        bindings_->setObjectName(QStringLiteral("compositorBindings"));
+        bindings_->setWordWrap(true);
+        bindings_->setTextFormat(Qt::RichText);
+        bindings_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+        layout_->addWidget(bindings_);
+    }
     auto* buttons = new QHBoxLayout;
     restoreDefaults_ = new QPushButton(QStringLiteral("Restore the Default Shortcuts…"), this);
     restoreDefaults_->setObjectName(QStringLiteral("restoreDefaultShortcuts"));
@@ -126,6 +135,17 @@ void ShortcutEditor::reload() {
     rowsHost_->hide();
     rowsHost_->deleteLater();
     rowsHost_ = fresh;
+    if (bindings_) {
+        // Native Wayland applications never let Sprelio see their keys: the compositor presses the shortcut.
+        QString lines;
+        for (const auto& row : rows)
+            for (const auto& line : swayBindingLines(row)) lines += QString::fromStdString(line).toHtmlEscaped() + "<br>";
+        bindings_->setText(
+            QStringLiteral("<p>In this Wayland session the keys above reach X11 applications only. For all "
+                           "applications, add these lines to your sway configuration (~/.config/sway/config) and "
+                           "reload sway; on other desktops, bind the same commands as custom shortcuts:</p>") +
+            QStringLiteral("<pre>") + lines + QStringLiteral("</pre>"));
+    }
     recorderChanged();
 }
 

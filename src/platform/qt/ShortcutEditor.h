@@ -39,6 +39,8 @@ struct ShortcutEditorDependencies {
     std::function<bool()> ownWindowActive;
     // What the language pickers offer: code and name. The empty code stands for the languages of the settings.
     std::vector<std::pair<std::string, std::string>> languages;
+    // A Wayland session: under the rows, the lines that bind each shortcut in sway's configuration.
+    bool showCompositorBindings = false;
 };
 
 class ShortcutEditor final : public QWidget {
@@ -93,6 +95,7 @@ private:
     QVBoxLayout* layout_ = nullptr;
     QWidget* rowsHost_ = nullptr;
     QLabel* message_ = nullptr;
+    QLabel* bindings_ = nullptr;
     QPushButton* restoreDefaults_ = nullptr;
     QTimer* activeWatch_ = nullptr;
     QWidget* watchedWindow_ = nullptr;
