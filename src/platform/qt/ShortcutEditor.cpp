@@ -131,7 +131,8 @@ void ShortcutEditor::reload() {
     for (std::size_t i = 0; i < rows.size(); ++i) addRow(grid, static_cast<int>(i) + 1, rows[i], i + 1 == rows.size());
     grid->setColumnStretch(1, 1);
     grid->setColumnStretch(2, 1);
-    layout_->replaceWidget(rowsHost_, fresh);
+    // The layout hands back the item that held the old rows; it is ours to delete.
+    delete layout_->replaceWidget(rowsHost_, fresh);
     rowsHost_->hide();
     rowsHost_->deleteLater();
     rowsHost_ = fresh;
