@@ -26,6 +26,7 @@
 
 #include "base/Uuid.h"
 #include "server/BackendServer.h"
+#include "server/OpenAiTranscriptionEngine.h"
 #include "platform/test/TemporaryFolder.h"
 
 namespace {
@@ -48,25 +49,9 @@ std::size_t residentBytes() {
 
 // One second of a quiet tone at 16 kHz: something for the engine to listen to.
 std::string recording() {
-    auto le = [](std::string& out, std::uint32_t value, int bytes) {
-        for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
-    };
-    const std::uint32_t frames = 16000;
-    std::string out = "RIFF";
-    le(out, 36 + frames * 2, 4);
-    out += "WAVEfmt ";
-    le(out, 16, 4);
-    le(out, 1, 2);
-    le(out, 1, 2);
-    le(out, 16000, 4);
-    le(out, 32000, 4);
-    le(out, 2, 2);
-    le(out, 16, 2);
-    out += "data";
-    le(out, frames * 2, 4);
-    for (std::uint32_t i = 0; i < frames; ++i)
-        le(out, static_cast<std::uint32_t>(static_cast<std::int16_t>(((i / 8) % 2 ? 800 : -800))) & 0xffff, 2);
-    return out;
+    std::vector<std::int16_t> samples(16000);
+    for (std::size_t i = 0; i < samples.size(); ++i) samples[i] = static_cast<std::int16_t>((i / 8) % 2 ? 800 : -800);
+    return OpenAiTranscriptionEngine::wavFile(samples);
 }
 
 struct Tally {

@@ -21,6 +21,7 @@
 #include "ServerTestSupport.h"
 #include "base/Uuid.h"
 #include "platform/test/TestPlatform.h"
+#include "server/OpenAiTranscriptionEngine.h"
 #include "server/AudioDecoder.h"
 
 namespace sprelio::server::test {
@@ -127,25 +128,11 @@ std::size_t residentBytes() {
     return 0;
 }
 
+// A faint hum, not silence: the decoder must find audio in it.
 std::string wavOfSilence(double seconds) {
-    auto le = [](std::string& out, std::uint32_t value, int bytes) {
-        for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
-    };
-    const auto frames = static_cast<std::uint32_t>(seconds * 16000);
-    std::string out = "RIFF";
-    le(out, 36 + frames * 2, 4);
-    out += "WAVEfmt ";
-    le(out, 16, 4);
-    le(out, 1, 2);
-    le(out, 1, 2);
-    le(out, 16000, 4);
-    le(out, 32000, 4);
-    le(out, 2, 2);
-    le(out, 16, 2);
-    out += "data";
-    le(out, frames * 2, 4);
-    for (std::uint32_t i = 0; i < frames; ++i) le(out, static_cast<std::uint32_t>(static_cast<std::int16_t>((i * 37) % 200 - 100)) & 0xffff, 2);
-    return out;
+    std::vector<std::int16_t> samples(static_cast<std::size_t>(seconds * 16000));
+    for (std::size_t i = 0; i < samples.size(); ++i) samples[i] = static_cast<std::int16_t>((i * 37) % 200 - 100);
+    return OpenAiTranscriptionEngine::wavFile(samples);
 }
 
 // ---------------------------------------------------------------------------------------------------------------
