@@ -31,6 +31,8 @@ int main(int argc, char** argv) {
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    // A client that hangs up mid-answer is that request's error, never the end of the server.
+    ::signal(SIGPIPE, SIG_IGN);
 
     int status = 0;
     try {

@@ -194,6 +194,7 @@ public:
 
     void launch();
     void recoverInterruptedRecordings(std::chrono::system_clock::time_point since);
+    void keepInterruptedRecordings(const std::vector<InterruptedRecording>& found);
     // Sprelio was started again: its main window comes forward on the selected tab.
     void reopen();
     // The commands a terminal sends to this running instance ("sprelio continuous start", ...).
@@ -845,8 +846,19 @@ void Desktop::recoverInterruptedRecordings(std::chrono::system_clock::time_point
     search.minimumSeconds = settings().minimumRecordingDuration() / 1000.0;
     for (const auto& entry : context_.fetchAll<store::LogEntry>())
         if (const auto path = entry->recordingPath()) search.inHistory.insert(*path);
-    const auto found = findInterruptedRecordings(search);
-    if (found.empty()) return;
+    // Reading and mending the files is disk work of unknown size: the launch goes on meanwhile, and the history
+    // takes the findings on the loop.
+    // The guard is made here, on the loop: the worker may still be reading when the desktop goes.
+    auto keep = lifetime_.guard(
+        [this](const std::vector<InterruptedRecording>& found) { keepInterruptedRecordings(found); });
+    workers_.submit([this, search = std::move(search), keep = std::move(keep)]() mutable {
+        auto found = findInterruptedRecordings(search);
+        if (found.empty()) return;
+        loop_.post([keep = std::move(keep), found = std::move(found)]() mutable { keep(found); });
+    });
+}
+
+void Desktop::keepInterruptedRecordings(const std::vector<InterruptedRecording>& found) {
     for (const auto& recording : found) {
         history_->log(HistoryManagerLogLevel::error, interruptedRecordingMessage(constants().appName()),
                       recording.file, Uuid::random(), false);
@@ -1025,6 +1037,9 @@ int runDesktopApplication(int argc, char** argv) {
         return 1;
     }
     ::setenv("QT_QPA_PLATFORM", "xcb", 1);
+    // A peer that goes away (the X server, a pasting helper, a closed socket) must be an error on the write that
+    // found it, which each adapter reports, not a signal that ends the application without a word.
+    ::signal(SIGPIPE, SIG_IGN);
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Sprelio"));
     QApplication::setDesktopFileName(QStringLiteral("com.sprelio.app"));
