@@ -5,76 +5,44 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
 #include <regex>
 
 #include "ContinuousTestSupport.h"
-#include "SprelioAppProcess.h"
+#include "DesktopTestFixture.h"
 #include "audio/AudioFileDuration.h"
 #include "helpers/WordAccuracy.h"
-#include "platform/X11TestSupport.h"
-#include "platform/test/TemporaryFolder.h"
 #include "store/AppConstants.h"
 #include "store/Entities.h"
 #include "store/JsonFileSettingsStore.h"
-#include "store/Persistence.h"
 
 namespace sprelio {
 namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-using apptest::SprelioApp;
-using audio_test::FifoFeeder;
-using audio_test::PulseDaemon;
-using x11test::TestClient;
-using x11test::XServer;
+using apptest::kRate;
 
-constexpr std::int64_t kRate = 16000;
 const std::vector<std::string> kSentences = {"hello this is a test of dictation", "the weather is nice today",
                                              "please send me the report"};
 using apptest::kContinuousCalibrated;
 using apptest::kContinuousListening;
 using apptest::kContinuousPieceStopped;
 
-const std::vector<float>& spoken(std::size_t index) {
-    static const std::vector<std::vector<float>> speech = [] {
-        std::vector<std::vector<float>> made;
-        for (const auto& sentence : kSentences) made.push_back(apptest::festivalSentence(sentence));
-        return made;
-    }();
-    return speech.at(index);
-}
+const std::vector<float>& spoken(std::size_t index) { return apptest::spokenText(kSentences.at(index)); }
 
 std::vector<float> silence(std::chrono::milliseconds length) {
     return std::vector<float>(static_cast<std::size_t>(kRate * length.count() / 1000), 0.0f);
 }
 
-class ContinuousEndToEnd : public ::testing::Test {
+class ContinuousEndToEnd : public apptest::DesktopFixture {
 protected:
+    ContinuousEndToEnd() : DesktopFixture("sprelio-continuous-e2e") {}
     void SetUp() override {
-        ASSERT_TRUE(server.ready()) << "Xvfb did not start";
-        ASSERT_TRUE(server.startWindowManager()) << "openbox did not start";
-        ASSERT_NO_THROW(pulse.start());
+        DesktopFixture::SetUp();
+        if (HasFatalFailure()) return;
         for (std::size_t i = 0; i < kSentences.size(); ++i)
             ASSERT_FALSE(spoken(i).empty()) << "festival's text2wave or ffmpeg could not make speech";
-        feeder = std::make_unique<FifoFeeder>(pulse.fifo());
         apptest::storeContinuousShortcut(home.path());
-    }
-    void TearDown() override {
-        if (HasFailure() && app) {
-            fs::create_directories(apptest::screenshotFolder());
-            const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-            std::ofstream(apptest::screenshotFolder() / (std::string("e2e-") + info->name() + ".log")) << app->log();
-        }
-        if (app) {
-            EXPECT_EQ(app->stop(), 0) << "the application did not end cleanly:\n" << app->output();
-        }
-        app.reset();
-        client.reset();
-        pulse.kill();
-        feeder.reset();
-        server.stop();
     }
 
     void setting(const std::string& key, const nlohmann::json& value) {
@@ -82,44 +50,18 @@ protected:
         file.set(key, value);
     }
     void launch() {
-        app = std::make_unique<SprelioApp>(server, pulse, home.path());
-        ASSERT_TRUE(app->waitForCount("Desktop.launch() - ready: the hotkeys are live", 1, 30000ms))
-            << app->output() << "\n" << app->log();
-        client = std::make_unique<TestClient>(server, TestClient::Options{});
-        ASSERT_TRUE(client->waitUntilFocused()) << client->describe();
-    }
-    // A tap of the continuous key, long enough to be taken as one.
-    void tapKey() {
-        ASSERT_TRUE(server.run("xdotool keydown Alt_R"));
-        ASSERT_TRUE(app->waitForCount("KeyboardShortcutManager.executeActionForKeyCode() - keyCode: 61, isKeyDown: true",
-                                      ++presses_))
-            << "the press was not taken";
-        ASSERT_TRUE(server.run("xdotool keyup Alt_R"));
+        ASSERT_NO_FATAL_FAILURE(DesktopFixture::launch());
+        focusClient();
     }
     // `sprelio continuous VERB` from a terminal of the same user and display.
     audio_test::ProcessOutput command(const std::string& verb) const {
-        return audio_test::runCommand("env -i PATH=/usr/bin:/bin HOME=" + audio_test::shellQuoted(home.path().string()) +
-                                      " XDG_RUNTIME_DIR=" + audio_test::shellQuoted((home.path() / "run").string()) +
-                                      " DISPLAY=" + server.name() + " " + SPRELIO_BINARY + " continuous " + verb +
-                                      " 2>&1");
+        audio_test::ProcessOutput result;
+        result.exitCode = cli("continuous " + verb, &result.out);
+        return result;
     }
     void waitUntilCalibrated() {
         ASSERT_TRUE(app->waitForCount(kContinuousListening, ++starts_, 10000ms)) << app->log();
         ASSERT_TRUE(app->waitForCount(kContinuousCalibrated, starts_, 10000ms)) << app->log();
-    }
-    // Plays what is given and waits until it has all gone into the microphone.
-    void play(const std::vector<float>& signal) {
-        const std::int64_t end = feeder->play(signal) + static_cast<std::int64_t>(signal.size());
-        ASSERT_TRUE(x11test::waitFor([&] { return feeder->framesWritten() >= end; }, 60000ms));
-    }
-    std::vector<std::shared_ptr<store::LogEntry>> history() const {
-        store::PersistentContainer other("Persistence", app->dataFolder() / store::PersistenceController::kStoreFileName);
-        if (other.loadPersistentStores()) return {};
-        auto entries = other.viewContext().fetchAll<store::LogEntry>();
-        std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
-            return a->timestamp().value_or(0) < b->timestamp().value_or(0);
-        });
-        return entries;
     }
     std::vector<fs::path> recordings() const {
         std::vector<fs::path> found;
@@ -129,25 +71,12 @@ protected:
             if (entry.path().extension() == ".caf") found.push_back(entry.path());
         return found;
     }
-    void screenshot(const std::string& name) {
-        fs::create_directories(apptest::screenshotFolder());
-        server.run("ffmpeg -nostdin -loglevel error -y -f x11grab -video_size 1280x800 -i " + server.name() +
-                   " -frames:v 1 " + (apptest::screenshotFolder() / (name + ".png")).string());
-    }
-
-    XServer server;
-    PulseDaemon pulse;
-    std::unique_ptr<FifoFeeder> feeder;
-    platform::test::TemporaryFolder home{"sprelio-continuous-e2e"};
-    std::unique_ptr<SprelioApp> app;
-    std::unique_ptr<TestClient> client;
-    std::size_t presses_ = 0;
     std::size_t starts_ = 0;
 };
 
 TEST_F(ContinuousEndToEnd, ThreeSentencesWithPausesArriveAsThreePiecesInOrder) {
     launch();
-    tapKey();
+    tap();
     waitUntilCalibrated();
     screenshot("e2e-continuous-listening");
     std::vector<float> speech;
@@ -156,7 +85,7 @@ TEST_F(ContinuousEndToEnd, ThreeSentencesWithPausesArriveAsThreePiecesInOrder) {
         const auto pause = silence(2000ms);
         speech.insert(speech.end(), pause.begin(), pause.end());
     }
-    play(speech);
+    play(speech, 60000ms);
     const auto successes = [&] {
         std::vector<std::string> texts;
         for (const auto& entry : history())
@@ -179,7 +108,7 @@ TEST_F(ContinuousEndToEnd, ThreeSentencesWithPausesArriveAsThreePiecesInOrder) {
     EXPECT_EQ(app->count("performPasting() - pasting text: <privatized>"), kSentences.size());
     // The mode goes on after each piece.
     EXPECT_EQ(app->count("continuousVoiceToText - appStatus=idle"), 1u);
-    tapKey();
+    tap();
     ASSERT_TRUE(app->waitForCount("ContinuousSpeechManager.stopMonitoring() - called", 2));
 }
 
@@ -204,7 +133,7 @@ TEST_F(ContinuousEndToEnd, SteadyNoiseBelowSpeechCalibratesTheThresholdAndTrigge
     ASSERT_GT(listenerPid, 0) << listener.out;
     const std::int64_t at = feeder->play(noise);
     const bool flowing = x11test::waitFor([&] { return feeder->framesWritten() >= at + kRate; }, 10000ms);
-    if (flowing) tapKey();
+    if (flowing) tap();
     if (flowing) waitUntilCalibrated();
     ::kill(listenerPid, SIGTERM);
     ASSERT_TRUE(flowing) << "the noise did not reach the microphone";
@@ -222,7 +151,7 @@ TEST_F(ContinuousEndToEnd, SteadyNoiseBelowSpeechCalibratesTheThresholdAndTrigge
     EXPECT_NEAR(threshold, mean + 12.0, 0.11);
     ASSERT_TRUE(x11test::waitFor([&] { return feeder->framesWritten() >= at + std::int64_t(noise.size()); }, 30000ms));
     const std::size_t stopsAfter = app->count(kContinuousPieceStopped);
-    tapKey();
+    tap();
     ASSERT_TRUE(app->waitForCount("ContinuousSpeechManager.stopMonitoring() - called", 2));
     // Nothing was taken for voice: no piece was ended by a pause. The one piece that goes to the server is the
     // one that recorded through the calibration and the silence limit after it, which is long enough and is sent
@@ -244,13 +173,13 @@ TEST_F(ContinuousEndToEnd, APieceShorterThanTheMinimumIsDroppedAndItsRecordingKe
     // Every piece is at least the pause that ends it long: a minimum above that drops a short utterance's piece.
     setting("minimumRecordingDuration", 6000);
     launch();
-    tapKey();
+    tap();
     waitUntilCalibrated();
     std::vector<float> speech = spoken(2);
     const auto pause = silence(3000ms);
     speech.insert(speech.end(), pause.begin(), pause.end());
-    play(speech);
-    tapKey();
+    play(speech, 60000ms);
+    tap();
     ASSERT_TRUE(app->waitForCount("ContinuousSpeechManager.stopMonitoring() - called", 2));
     EXPECT_TRUE(history().empty()) << "nothing was uploaded";
     EXPECT_EQ(client->text(), "");
@@ -274,7 +203,7 @@ TEST_F(ContinuousEndToEnd, StoppingMidPieceFromTheCommandLineStillDeliversThePie
     std::vector<float> speech = spoken(0);
     const auto pause = silence(300ms);
     speech.insert(speech.end(), pause.begin(), pause.end());
-    play(speech);
+    play(speech, 60000ms);
     const auto stopped = command("stop");
     EXPECT_EQ(stopped.exitCode, 0) << stopped.out;
     ASSERT_TRUE(x11test::waitFor([&] { return testhelpers::wordAccuracy(kSentences[0], client->text()) >= 0.6; },
@@ -290,12 +219,9 @@ TEST(ContinuousCommandLine, WithoutTheApplicationItSaysSoAndFails) {
     platform::test::TemporaryFolder home{"sprelio-continuous-cli"};
     fs::create_directories(home.path() / "run");
     for (const std::string verb : {"start", "stop"}) {
-        const auto result = audio_test::runCommand(
-            "env -i PATH=/usr/bin:/bin HOME=" + audio_test::shellQuoted(home.path().string()) +
-            " XDG_RUNTIME_DIR=" + audio_test::shellQuoted((home.path() / "run").string()) + " DISPLAY=:97 " +
-            SPRELIO_BINARY + " continuous " + verb + " 2>&1");
-        EXPECT_EQ(result.exitCode, 3) << result.out;
-        EXPECT_NE(result.out.find("Sprelio is not running"), std::string::npos) << result.out;
+        std::string said;
+        EXPECT_EQ(apptest::runCli(home.path(), ":97", "continuous " + verb, &said), 3) << said;
+        EXPECT_NE(said.find("Sprelio is not running"), std::string::npos) << said;
     }
     const auto wrong = audio_test::runCommand(std::string(SPRELIO_BINARY) + " continuous pause 2>&1");
     EXPECT_EQ(wrong.exitCode, 2) << wrong.out;

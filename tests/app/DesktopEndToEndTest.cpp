@@ -14,12 +14,11 @@
 #include "server/ScriptedOpenAiService.h"
 #include "backend/ScriptedServer.h"
 
-#include "SprelioAppProcess.h"
+#include "DesktopTestFixture.h"
 #include "base/Digest.h"
 #include "audio/AudioFileDuration.h"
 #include "helpers/WordAccuracy.h"
 #include "platform/X11TestSupport.h"
-#include "platform/test/TemporaryFolder.h"
 #include "store/AppConstants.h"
 #include "store/Entities.h"
 #include "store/Persistence.h"
@@ -29,59 +28,26 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
+using apptest::kRecordingStarted;
+using apptest::kSentence;
 using apptest::SprelioApp;
-using audio_test::FifoFeeder;
-using audio_test::PulseDaemon;
 using x11test::TestClient;
 using x11test::XServer;
 
-constexpr const char* kSentence = "hello this is a test of dictation";
 constexpr int kScreenHeight = 800;
-constexpr std::int64_t kRate = 16000;
 
-const std::vector<float>& sentenceSpeech() {
-    static const std::vector<float> speech = apptest::festivalSentence(kSentence);
-    return speech;
-}
-constexpr const char* kKeyDownLine = "KeyboardShortcutManager.executeActionForKeyCode() - keyCode: 61, isKeyDown: true";
-constexpr const char* kRecordingStarted = "- preparing finished in";
-
-class DesktopEndToEnd : public ::testing::Test {
+class DesktopEndToEnd : public apptest::DesktopFixture {
 protected:
+    DesktopEndToEnd() : DesktopFixture("sprelio-e2e") {}
     void SetUp() override {
-        ASSERT_TRUE(server.ready()) << "Xvfb did not start";
-        ASSERT_TRUE(server.startWindowManager()) << "openbox did not start";
-        ASSERT_NO_THROW(pulse.start());
-        ASSERT_FALSE(sentenceSpeech().empty()) << "festival's text2wave or ffmpeg could not make speech";
-        feeder = std::make_unique<FifoFeeder>(pulse.fifo());
-    }
-    void TearDown() override {
-        // A failed run leaves the application's log next to the screenshots, for whoever looks into it.
-        if (HasFailure() && app) {
-            fs::create_directories(apptest::screenshotFolder());
-            const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-            std::ofstream(apptest::screenshotFolder() / (std::string("e2e-") + info->name() + ".log")) << app->log();
-        }
-        if (app) {
-            EXPECT_EQ(app->stop(), 0) << "the application did not end cleanly:\n" << app->output();
-        }
-        app.reset();
-        client.reset();
-        // The daemon goes first: a feeder blocked on a full FIFO that nobody reads is freed by its end.
-        pulse.kill();
-        feeder.reset();
-        server.stop();
+        DesktopFixture::SetUp();
+        if (HasFatalFailure()) return;
+        ASSERT_FALSE(apptest::spokenText(kSentence).empty()) << "festival's text2wave or ffmpeg could not make speech";
     }
 
-    void launch(bool offline = false) {
-        app = std::make_unique<SprelioApp>(server, pulse, home.path(), offline);
-        ASSERT_TRUE(app->waitForCount("Desktop.launch() - ready: the hotkeys are live", 1, 30000ms))
-            << app->output() << "\n" << app->log();
-    }
     // Our application takes the front, as the window manager sees it.
     void bringClientForward(TestClient::Options options = {}) {
-        client = std::make_unique<TestClient>(server, std::move(options));
-        ASSERT_TRUE(client->waitUntilFocused()) << client->describe();
+        ASSERT_NO_FATAL_FAILURE(focusClient(std::move(options)));
         ASSERT_TRUE(x11test::waitFor([&] { return activePid() == client->pid(); }, 10000ms));
     }
     pid_t activePid() const {
@@ -96,40 +62,6 @@ protected:
         ASSERT_TRUE(x11test::waitFor([&] { return clipboard() == text; }));
     }
     bool key(const std::string& action) { return server.run("xdotool " + action + " Alt_R"); }
-    // A press of the right Alt key that lasts until Sprelio has taken it as one (a modifier is judged 10 ms after
-    // it changes, so a release within that time would be the only thing seen).
-    void tap() {
-        ASSERT_TRUE(key("keydown"));
-        ASSERT_TRUE(app->waitForCount(kKeyDownLine, ++presses_)) << "the press was not taken";
-        ASSERT_TRUE(key("keyup"));
-    }
-    // Speech into the microphone, and a wait until all of it and a short silence after it have been fed; halfway
-    // through, `midway` runs (a screenshot of the meter while it moves).
-    void speak(const std::function<void()>& midway = {}) {
-        const auto& speech = sentenceSpeech();
-        const std::int64_t at = feeder->play(speech);
-        const std::int64_t end = at + static_cast<std::int64_t>(speech.size()) + kRate * 3 / 10;
-        if (midway) {
-            const std::int64_t half = at + static_cast<std::int64_t>(speech.size()) / 2;
-            ASSERT_TRUE(x11test::waitFor([&] { return feeder->framesWritten() >= half; }, 15000ms));
-            midway();
-        }
-        ASSERT_TRUE(x11test::waitFor([&] { return feeder->framesWritten() >= end; }, 15000ms));
-    }
-    void screenshot(const std::string& name) {
-        fs::create_directories(apptest::screenshotFolder());
-        server.run("ffmpeg -nostdin -loglevel error -y -f x11grab -video_size 1280x800 -i " + server.name() +
-                   " -frames:v 1 " + (apptest::screenshotFolder() / (name + ".png")).string());
-    }
-    std::vector<std::shared_ptr<store::LogEntry>> history() const {
-        store::PersistentContainer other("Persistence", app->dataFolder() / store::PersistenceController::kStoreFileName);
-        if (other.loadPersistentStores()) return {};
-        return other.viewContext().fetchAll<store::LogEntry>();
-    }
-    // The dictated text as our application got it.
-    bool waitForDictation() const {
-        return x11test::waitFor([&] { return testhelpers::wordAccuracy(kSentence, client->text()) >= 0.8; }, 30000ms);
-    }
     // What a dictation must leave behind: one successful history entry whose recording plays, and a log without
     // a word of what was said.
     void expectDictationRecorded() {
@@ -149,14 +81,6 @@ protected:
         for (const char* word : {"hello", "dictation"})
             EXPECT_EQ(log.find(word), std::string::npos) << "the log holds the dictated word " << word;
     }
-
-    XServer server;
-    PulseDaemon pulse;
-    std::unique_ptr<FifoFeeder> feeder;
-    platform::test::TemporaryFolder home{"sprelio-e2e"};
-    std::unique_ptr<SprelioApp> app;
-    std::unique_ptr<TestClient> client;
-    std::size_t presses_ = 0;
 };
 
 TEST_F(DesktopEndToEnd, HeldKeyDictatesIntoTheApplicationInFront) {
@@ -298,6 +222,20 @@ TEST_F(DesktopEndToEnd, OfflineTheKeySaysSoAndSprelioIsIdleAgain) {
 // transcribes it (on the embedded server), and the store is sound.
 class DesktopFaults : public DesktopEndToEnd {
 protected:
+    // A dictation on the held right Alt key, the sentence said and the key still down.
+    void speakHoldingTheKey() {
+        apptest::storeRightAltShortcut(home.path(), true);
+        launch();
+        bringClientForward();
+        ASSERT_TRUE(key("keydown"));
+        ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << app->log();
+        speak();
+    }
+    // FFmpeg's reading of a recording's length, as another program would play it.
+    static audio_test::ProcessOutput playedLength(const fs::path& recording) {
+        return audio_test::runCommand("ffprobe -v error -show_entries format=duration -of csv=p=0 " +
+                                      audio_test::shellQuoted(recording.string()));
+    }
     fs::path onlyRecording() const {
         std::vector<fs::path> recordings;
         for (const auto& entry : fs::recursive_directory_iterator(app->dataFolder() / "recordings"))
@@ -309,13 +247,7 @@ protected:
     void expectKeptForRetryAfterTheNextStart(const fs::path& recording, const std::string& name,
                                              const XServer* x = nullptr) {
         EXPECT_TRUE(history().empty());
-        if (x) {
-            app = std::make_unique<SprelioApp>(*x, pulse, home.path());
-            ASSERT_TRUE(app->waitForCount("Desktop.launch() - ready: the hotkeys are live", 1, 30000ms))
-                << app->output() << "\n" << app->log();
-        } else {
-            launch();
-        }
+        launchOn(x ? *x : server);
         ASSERT_TRUE(x11test::waitFor([&] { return history().size() == 1; })) << app->log();
         const auto entries = history();
         EXPECT_EQ(entries[0]->level(), 2) << "an error entry, to be retried";
@@ -346,18 +278,12 @@ protected:
 };
 
 TEST_F(DesktopFaults, KilledWhileTheUserSpeaks) {
-    apptest::storeRightAltShortcut(home.path(), true);
-    launch();
-    bringClientForward();
-    ASSERT_TRUE(key("keydown"));
-    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << app->log();
-    speak();
+    ASSERT_NO_FATAL_FAILURE(speakHoldingTheKey());
     app->kill();
     ASSERT_TRUE(key("keyup"));
     // Other programs play what was said before any recovery.
     const auto recording = onlyRecording();
-    const auto played = audio_test::runCommand("ffprobe -v error -show_entries format=duration -of csv=p=0 " +
-                                               audio_test::shellQuoted(recording.string()));
+    const auto played = playedLength(recording);
     ASSERT_EQ(played.exitCode, 0) << played.out;
     EXPECT_GT(std::atof(played.out.c_str()), 2.0) << "FFmpeg plays the cut recording: " << played.out;
     expectKeptForRetryAfterTheNextStart(recording, "killed-while-speaking");
@@ -366,20 +292,16 @@ TEST_F(DesktopFaults, KilledWhileTheUserSpeaks) {
 // Without its X server the application can do nothing for the user: it ends at once rather than hang, and what
 // was being said is kept for the next start.
 TEST_F(DesktopFaults, TheXServerGoneWhileTheUserSpeaks) {
-    apptest::storeRightAltShortcut(home.path(), true);
-    launch();
-    bringClientForward();
-    ASSERT_TRUE(key("keydown"));
-    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << app->log();
-    speak();
+    ASSERT_NO_FATAL_FAILURE(speakHoldingTheKey());
     client.reset();
     server.stop();
     ASSERT_TRUE(x11test::waitFor([&] { return !app->running(); }, 20000ms))
         << "the application hangs without its X server\n" << app->log();
+    // An exit of its own, saying why, not a signal (a write to the dead socket once ended it without a word).
+    EXPECT_GE(app->stop(), 0) << app->output();
     EXPECT_NE(app->output().find("X11 connection broke"), std::string::npos) << app->output();
     const auto recording = onlyRecording();
-    const auto played = audio_test::runCommand("ffprobe -v error -show_entries format=duration -of csv=p=0 " +
-                                               audio_test::shellQuoted(recording.string()));
+    const auto played = playedLength(recording);
     EXPECT_GT(std::atof(played.out.c_str()), 2.0) << "FFmpeg plays the cut recording: " << played.out;
 
     XServer second;
@@ -405,12 +327,7 @@ TEST_F(DesktopFaults, TheDiskFullWhileTheUserSpeaks) {
     } unmount{small};
     store::JsonFileSettingsStore(home.path() / ".config/Sprelio/settings.json")
         .set("saveRecordingsFolder", small.string());
-    apptest::storeRightAltShortcut(home.path(), true);
-    launch();
-    bringClientForward();
-    ASSERT_TRUE(key("keydown"));
-    ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << app->log();
-    speak();
+    ASSERT_NO_FATAL_FAILURE(speakHoldingTheKey());
     ASSERT_TRUE(key("keyup"));
     ASSERT_TRUE(app->waitForCount("No space left on device", 1)) << app->log();
     // The beginning is transcribed and delivered as usual, and the user hears that the end is missing.
@@ -425,8 +342,7 @@ TEST_F(DesktopFaults, TheDiskFullWhileTheUserSpeaks) {
     for (const auto& entry : fs::recursive_directory_iterator(small))
         if (entry.path().extension() == ".caf") recordings.push_back(entry.path());
     ASSERT_EQ(recordings.size(), 1u);
-    const auto played = audio_test::runCommand("ffprobe -v error -show_entries format=duration -of csv=p=0 " +
-                                               audio_test::shellQuoted(recordings[0].string()));
+    const auto played = playedLength(recordings[0]);
     EXPECT_GT(std::atof(played.out.c_str()), 1.0) << "what fitted is kept and plays: " << played.out;
     std::printf("[ measured ] disk full after %.2f s of the sentence; delivered: \"%s\"\n", std::atof(played.out.c_str()),
                 client->text().c_str());

@@ -11,9 +11,8 @@
 #include <regex>
 #include <sstream>
 
-#include "SprelioAppProcess.h"
+#include "DesktopTestFixture.h"
 #include "helpers/WordAccuracy.h"
-#include "platform/test/TemporaryFolder.h"
 #include "store/JsonFileSettingsStore.h"
 
 namespace sprelio {
@@ -21,12 +20,8 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-using apptest::SprelioApp;
-using audio_test::FifoFeeder;
-using audio_test::PulseDaemon;
 using audio_test::runCommand;
 using audio_test::shellQuoted;
-using x11test::XServer;
 
 // Ten sentences of about three seconds each; the long recording repeats them, with a pause after each.
 const std::vector<std::string> kSentences = {
@@ -72,59 +67,33 @@ fs::path speechWav(const fs::path& dir, const std::string& name, const std::vect
     return out;
 }
 
-class FilesDesktop : public ::testing::Test {
+class FilesDesktop : public apptest::DesktopFixture {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(server.ready()) << "Xvfb did not start";
-        ASSERT_TRUE(server.startWindowManager()) << "openbox did not start";
-        ASSERT_NO_THROW(pulse.start());
-        feeder = std::make_unique<FifoFeeder>(pulse.fifo());
-    }
+    FilesDesktop() : DesktopFixture("sprelio-files-e2e") {}
     void TearDown() override {
-        if (HasFailure() && app) {
-            fs::create_directories(apptest::screenshotFolder());
-            const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-            std::ofstream(apptest::screenshotFolder() / (std::string("files-") + info->name() + ".log")) << app->log();
-        }
-        if (app) {
-            EXPECT_EQ(app->stop(), 0) << app->output();
-        }
-        app.reset();
+        DesktopFixture::TearDown();
         if (backend > 0) {
             ::kill(backend, SIGKILL);
             ::waitpid(backend, nullptr, 0);
         }
-        pulse.kill();
-        feeder.reset();
-        server.stop();
     }
-
-    void launch() {
-        app = std::make_unique<SprelioApp>(server, pulse, home.path());
-        ASSERT_TRUE(app->waitForCount("Desktop.launch() - ready: the hotkeys are live", 1, 30000ms))
-            << app->output() << "\n" << app->log();
+    std::string failureLogName() const override {
+        return std::string("files-") + ::testing::UnitTest::GetInstance()->current_test_info()->name();
     }
 
     // `sprelio ARGS` from a terminal of the same session; its output goes to files that the test can read while
     // it runs.
     std::string commandLine(const std::vector<std::string>& args, const std::string& tag) const {
-        std::string command = "env -i PATH=/usr/bin:/bin HOME=" + shellQuoted(home.path().string()) +
-                              " XDG_RUNTIME_DIR=" + shellQuoted((home.path() / "run").string()) +
-                              " DISPLAY=" + server.name() + " " + shellQuoted(SPRELIO_BINARY);
-        for (const auto& arg : args) command += " " + shellQuoted(arg);
-        return command + " >" + shellQuoted((home.path() / (tag + ".out")).string()) + " 2>" +
+        std::string arguments;
+        for (const auto& arg : args) arguments += (arguments.empty() ? "" : " ") + shellQuoted(arg);
+        return apptest::terminalCommand(home.path(), server.name(), arguments) + " >" +
+               shellQuoted((home.path() / (tag + ".out")).string()) + " 2>" +
                shellQuoted((home.path() / (tag + ".err")).string());
     }
     Result run(const std::vector<std::string>& args, const std::string& tag = "cli") {
         const int raw = std::system(commandLine(args, tag).c_str());
         return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, x11test::readFile(home.path() / (tag + ".out")),
                 x11test::readFile(home.path() / (tag + ".err"))};
-    }
-
-    void screenshot(const std::string& name) {
-        fs::create_directories(apptest::screenshotFolder());
-        server.run("ffmpeg -nostdin -loglevel error -y -f x11grab -video_size 1280x800 -i " + server.name() +
-                   " -frames:v 1 " + (apptest::screenshotFolder() / (name + ".png")).string());
     }
 
     // The text `files add` printed for one file, when it printed several.
@@ -137,12 +106,7 @@ protected:
         return out.substr(start, end == std::string::npos ? std::string::npos : end - start);
     }
 
-    XServer server;
-    PulseDaemon pulse;
-    std::unique_ptr<FifoFeeder> feeder;
-    platform::test::TemporaryFolder home{"sprelio-files-e2e"};
     platform::test::TemporaryFolder media{"sprelio-files-media"};
-    std::unique_ptr<SprelioApp> app;
     pid_t backend = -1;
 };
 

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <fstream>
 #include <regex>
 
 #include <nlohmann/json.hpp>
@@ -14,9 +13,7 @@
 // Before the X headers, whose macros (None, Success) clash with the HTTP library's names.
 #include "backend/ScriptedServer.h"
 
-#include "SprelioAppProcess.h"
-#include "platform/X11TestSupport.h"
-#include "platform/test/TemporaryFolder.h"
+#include "DesktopTestFixture.h"
 #include "shared/IntelligenceItemIds.h"
 #include "store/JsonFileSettingsStore.h"
 
@@ -24,17 +21,11 @@ namespace sprelio {
 namespace {
 
 using namespace std::chrono_literals;
-namespace fs = std::filesystem;
-using apptest::SprelioApp;
-using audio_test::FifoFeeder;
-using audio_test::PulseDaemon;
 using backendtest::RecordedRequest;
 using backendtest::Script;
 using backendtest::ScriptedServer;
 using backendtest::StreamStep;
 using nlohmann::json;
-using x11test::TestClient;
-using x11test::XServer;
 
 constexpr int kScreenHeight = 800;
 constexpr const char* kTranscript = "Hello Ring World";
@@ -51,51 +42,32 @@ std::optional<json> aiPart(const std::string& body) {
     return json::parse(body.substr(start + 4, end - start - 4), nullptr, false);
 }
 
-class FloatingButtonEndToEnd : public ::testing::Test {
+class FloatingButtonEndToEnd : public apptest::DesktopFixture {
 protected:
+    FloatingButtonEndToEnd() : DesktopFixture("sprelio-floating") {}
     void SetUp() override {
-        ASSERT_TRUE(x.ready()) << "Xvfb did not start";
-        ASSERT_TRUE(x.startWindowManager()) << "openbox did not start";
-        ASSERT_NO_THROW(pulse.start());
-        feeder = std::make_unique<FifoFeeder>(pulse.fifo());
+        DesktopFixture::SetUp();
+        if (HasFatalFailure()) return;
         // The account API names the same server as the only transcription backend.
         Script info;
         info.body = json{{"flags", json::object()},
                          {"ai", {{"models", json::array()}, {"servers", json::array()}}},
-                         {"balancers", json::array({{{"uuid", "B1"}, {"name", "scripted"}, {"url", server.url("")}}})},
+                         {"balancers", json::array({{{"uuid", "B1"}, {"name", "scripted"}, {"url", backend.url("")}}})},
                          {"user", {{"user", {{"email", "ann@example.org"}}}, {"requests", 3}, {"token", "tok-ann"}}}}
                         .dump();
-        server.script("/users/info", info);
-    }
-    void TearDown() override {
-        if (HasFailure() && app) {
-            fs::create_directories(apptest::screenshotFolder());
-            const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-            std::ofstream(apptest::screenshotFolder() / (std::string("e2e-") + info->name() + ".log")) << app->log();
-        }
-        if (app) {
-            EXPECT_EQ(app->stop(), 0) << "the application did not end cleanly:\n" << app->output();
-        }
-        app.reset();
-        client.reset();
-        pulse.kill();
-        feeder.reset();
-        x.stop();
+        backend.script("/users/info", info);
     }
 
     void launch(int overlaySize) {
         {
             store::JsonFileSettingsStore file(home.path() / ".config/Sprelio/settings.json");
-            file.set("apiBaseURL", server.url(""));
+            file.set("apiBaseURL", backend.url(""));
             file.set("floatingButtonActivation", true);
             file.set("floatingRecordShowAITools", true);
             file.set("overlaySize", overlaySize);
         }
-        app = std::make_unique<SprelioApp>(x, pulse, home.path());
-        ASSERT_TRUE(app->waitForCount("Desktop.launch() - ready: the hotkeys are live", 1, 30000ms))
-            << app->output() << "\n" << app->log();
-        client = std::make_unique<TestClient>(x, TestClient::Options{});
-        ASSERT_TRUE(client->waitUntilFocused()) << client->describe();
+        ASSERT_NO_FATAL_FAILURE(DesktopFixture::launch());
+        focusClient();
     }
 
     // The centre of a circular region as last registered, in X coordinates: the log has it in the logic's (origin
@@ -111,16 +83,12 @@ protected:
         return last;
     }
     bool clickAt(const std::pair<int, int>& at) {
-        return x.run("xdotool mousemove " + std::to_string(at.first) + " " + std::to_string(at.second) + " click 1");
-    }
-    void screenshot(const std::string& name) {
-        fs::create_directories(apptest::screenshotFolder());
-        x.run("ffmpeg -nostdin -loglevel error -y -f x11grab -video_size 1280x800 -i " + x.name() + " -frames:v 1 " +
-              (apptest::screenshotFolder() / (name + ".png")).string());
+        return server.run("xdotool mousemove " + std::to_string(at.first) + " " + std::to_string(at.second) +
+                          " click 1");
     }
     std::vector<RecordedRequest> uploads() const {
         std::vector<RecordedRequest> found;
-        for (const auto& request : server.requests())
+        for (const auto& request : backend.requests())
             if (request.method == "POST" && request.target.rfind("/transcribe", 0) == 0) found.push_back(request);
         return found;
     }
@@ -130,7 +98,7 @@ protected:
         answer.headers = {{"Content-Type", "text/event-stream"}};
         answer.stream = {StreamStep::write(json{{"text", kTranscript}, {"language", "en"}}.dump() + "\n")};
         if (completion) answer.stream.push_back(StreamStep::write(json{{"completion", *completion}}.dump() + "\n"));
-        server.script("/transcribe", answer);
+        backend.script("/transcribe", answer);
     }
     // A click that the application takes, by the log line it writes for it. The window manager may map a panel
     // a moment after the application has shown it: a click that went to the window below is made again.
@@ -160,13 +128,7 @@ protected:
     }
     std::size_t buttonRegistrations() const { return app->count("OverlayHitRegion(id: button,"); }
 
-    XServer x;
-    PulseDaemon pulse;
-    std::unique_ptr<FifoFeeder> feeder;
-    ScriptedServer server;
-    platform::test::TemporaryFolder home{"sprelio-floating"};
-    std::unique_ptr<SprelioApp> app;
-    std::unique_ptr<TestClient> client;
+    ScriptedServer backend;
 };
 
 TEST_F(FloatingButtonEndToEnd, EachRingButtonEndsTheRecordingWithItsItemOnTheUpload) {

@@ -3,28 +3,17 @@
 // half-way still delivers the text by the ordinary upload, with one history entry.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <map>
-
-#include "SprelioAppProcess.h"
+#include "DesktopTestFixture.h"
 #include "helpers/WordAccuracy.h"
-#include "platform/X11TestSupport.h"
-#include "platform/test/TemporaryFolder.h"
-#include "store/Entities.h"
-#include "store/Persistence.h"
 
 namespace sprelio {
 namespace {
 
 using namespace std::chrono_literals;
-namespace fs = std::filesystem;
-using apptest::SprelioApp;
-using audio_test::FifoFeeder;
-using audio_test::PulseDaemon;
-using x11test::TestClient;
-using x11test::XServer;
+using apptest::kRate;
+using apptest::kRecordingStarted;
+using apptest::kSentence;
 
-constexpr const char* kSentence = "hello this is a test of dictation";
 // About sixty seconds of festival's speech.
 constexpr const char* kMinute =
     "the weather today is sunny with a light wind from the west. we will meet at the office tomorrow morning at "
@@ -37,8 +26,6 @@ constexpr const char* kMinute =
     "in the second room. the old bridge over the river was closed for repairs in the spring. our neighbours have "
     "two dogs and a black cat that sleeps on the wall. the shop on the corner sells fresh bread and cheese every "
     "morning. we watched a film about the history of the city and its people.";
-constexpr std::int64_t kRate = 16000;
-constexpr const char* kRecordingStarted = "- preparing finished in";
 
 struct Row {
     const char* name;
@@ -52,65 +39,29 @@ struct Row {
     double accuracy;
 };
 
-class LiveDecodingEndToEnd : public ::testing::TestWithParam<Row> {
+class LiveDecodingEndToEnd : public apptest::DesktopFixture, public ::testing::WithParamInterface<Row> {
 protected:
+    LiveDecodingEndToEnd() : DesktopFixture("sprelio-live") {}
     void SetUp() override {
-        ASSERT_TRUE(server.ready()) << "Xvfb did not start";
-        ASSERT_TRUE(server.startWindowManager()) << "openbox did not start";
-        ASSERT_NO_THROW(pulse.start());
-        ASSERT_FALSE(speech(GetParam().text).empty()) << "festival's text2wave or ffmpeg could not make speech";
-        feeder = std::make_unique<FifoFeeder>(pulse.fifo());
+        DesktopFixture::SetUp();
+        if (HasFatalFailure()) return;
+        ASSERT_FALSE(apptest::spokenText(GetParam().text).empty())
+            << "festival's text2wave or ffmpeg could not make speech";
     }
-    void TearDown() override {
-        if (HasFailure() && app) {
-            fs::create_directories(apptest::screenshotFolder());
-            std::ofstream(apptest::screenshotFolder() / (std::string("live-") + GetParam().name + ".log")) << app->log();
-        }
-        if (app) {
-            EXPECT_EQ(app->stop(), 0) << app->output();
-        }
-        app.reset();
-        client.reset();
-        pulse.kill();
-        feeder.reset();
-        server.stop();
-    }
-    // Made once per text and process.
-    static const std::vector<float>& speech(const std::string& text) {
-        static std::map<std::string, std::vector<float>> made;
-        auto found = made.find(text);
-        if (found == made.end()) found = made.emplace(text, apptest::festivalSentence(text)).first;
-        return found->second;
-    }
-    std::vector<std::shared_ptr<store::LogEntry>> history() const {
-        store::PersistentContainer other("Persistence", app->dataFolder() / store::PersistenceController::kStoreFileName);
-        if (other.loadPersistentStores()) return {};
-        return other.viewContext().fetchAll<store::LogEntry>();
-    }
-
-    XServer server;
-    PulseDaemon pulse;
-    std::unique_ptr<FifoFeeder> feeder;
-    platform::test::TemporaryFolder home{"sprelio-live"};
-    std::unique_ptr<SprelioApp> app;
-    std::unique_ptr<TestClient> client;
+    std::string failureLogName() const override { return std::string("live-") + GetParam().name; }
 };
 
 TEST_P(LiveDecodingEndToEnd, AHeldKeyDictationDeliversTheSameTextOnce) {
     const auto& row = GetParam();
     apptest::storeRightAltShortcut(home.path(), true);
-    app = std::make_unique<SprelioApp>(server, pulse, home.path(), false, row.environment);
-    ASSERT_TRUE(app->waitForCount("Desktop.launch() - ready: the hotkeys are live", 1, 30000ms)) << app->output();
-    client = std::make_unique<TestClient>(server, TestClient::Options{});
-    ASSERT_TRUE(client->waitUntilFocused()) << client->describe();
+    ASSERT_NO_FATAL_FAILURE(launch(false, row.environment));
+    ASSERT_NO_FATAL_FAILURE(focusClient());
 
     ASSERT_TRUE(server.run("xdotool keydown Alt_R"));
     ASSERT_TRUE(app->waitForCount(kRecordingStarted, 1)) << "the recording did not start";
-    const auto& spoken = speech(row.text);
+    const auto& spoken = apptest::spokenText(row.text);
     const auto seconds = std::chrono::milliseconds(static_cast<std::int64_t>(spoken.size()) * 1000 / kRate);
-    const std::int64_t at = feeder->play(spoken);
-    const std::int64_t end = at + static_cast<std::int64_t>(spoken.size()) + kRate * 3 / 10;
-    ASSERT_TRUE(x11test::waitFor([&] { return feeder->framesWritten() >= end; }, seconds + 15000ms));
+    ASSERT_NO_FATAL_FAILURE(play(spoken, seconds + 15000ms, 300ms));
     if (row.brokenMidWay) {
         ASSERT_TRUE(app->waitForCount("ended without a live decoding", 1)) << "the server did not end the stream";
     }
