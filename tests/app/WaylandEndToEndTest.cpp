@@ -80,6 +80,17 @@ protected:
         sway = static_cast<pid_t>(std::strtol(x11test::readFile(runToFile(line)).c_str(), nullptr, 10));
         ASSERT_GT(sway, 0);
         ASSERT_TRUE(x11test::waitFor([&] { return !waylandDisplay().empty(); }, 10000ms)) << swayLog();
+        // The user's keyboard, which a headless compositor lacks: a virtual one that stays for the whole session
+        // and never presses a key. Without it each short-lived keyboard (a binding's key, Sprelio's paste) would
+        // be the seat's only one, and with its end the seat would lose its keyboard: the focused application
+        // drops its keyboard and clipboard offer each time, which no user's desktop does.
+        keyboard = static_cast<pid_t>(std::strtol(
+            x11test::readFile(runToFile("runuser -u " + std::string(kUser) + " -- env -i PATH=/usr/bin:/bin "
+                                        "XDG_RUNTIME_DIR=" + (home.path() / "run").string() + " WAYLAND_DISPLAY=" +
+                                        waylandDisplay() + " wtype -s 86400000 > /dev/null 2>&1 & echo $!"))
+                .c_str(),
+            nullptr, 10));
+        ASSERT_GT(keyboard, 0);
         ASSERT_TRUE(x11test::waitFor([&] { return log().find("Desktop.launch() - ready: the hotkeys are live") !=
                                                   std::string::npos; }, 40000ms))
             << swayLog() << x11test::readFile(home.path() / "sprelio.out") << log();
@@ -98,6 +109,7 @@ protected:
             EXPECT_TRUE(x11test::waitFor([&] { return ::kill(pid, 0) != 0; }, 15000ms)) << "Sprelio did not end";
         }
         if (field > 0) ::kill(field, SIGTERM);
+        if (keyboard > 0) ::kill(keyboard, SIGTERM);
         if (sway > 0) {
             ::kill(sway, SIGTERM);
             x11test::waitFor([&] { return ::kill(sway, 0) != 0; }, 10000ms);
@@ -139,6 +151,11 @@ protected:
     std::string swayLog() const { return x11test::readFile(home.path() / "sway.log"); }
     std::size_t count(const std::string& needle) const { return apptest::SprelioApp::countIn(log(), needle); }
     std::string fieldText() const { return x11test::readFile(home.path() / "field.txt"); }
+    // Why a paste did not arrive: the keys and clipboard changes the field saw, and the window sway has in front.
+    std::string fieldReport() {
+        return "the field shows: " + fieldText() + "\nit saw:\n" + x11test::readFile(home.path() / "field.log") +
+               "in front: " + swayWindows().focusedAppId + "\n";
+    }
 
     // The windows sway manages: each one's app id (or X class) and title, and the one with the focus.
     struct SwayWindows {
@@ -200,6 +217,7 @@ protected:
     std::unique_ptr<FifoFeeder> feeder;
     pid_t sway = -1;
     pid_t field = -1;
+    pid_t keyboard = -1;
 };
 
 TEST_F(WaylandEndToEnd, ASwayBindingTapsDictationIntoANativeFieldAndTheClipboardComesBack) {
@@ -214,7 +232,7 @@ TEST_F(WaylandEndToEnd, ASwayBindingTapsDictationIntoANativeFieldAndTheClipboard
     speak();
     ASSERT_EQ(inSession("wtype -k F12", &said), 0) << said;
     ASSERT_TRUE(x11test::waitFor([&] { return testhelpers::wordAccuracy(kSentence, fieldText()) >= 0.8; }, 30000ms))
-        << "the field shows: " << fieldText() << "\n" << log();
+        << fieldReport() << log();
     // The paste went to the native field, which sway reports in front (the log is written behind the events).
     EXPECT_TRUE(x11test::waitFor([&] { return log().find("target app 'sprelio-test-field'") != std::string::npos; }));
     // The user's text is back on the clipboard once the restore has run.
@@ -243,7 +261,7 @@ TEST_F(WaylandHoldEndToEnd, ASwayReleaseBindingEndsAHeldDictation) {
     EXPECT_EQ(count("isKeyDown: false"), 0u) << "the dictation ended before the key was let go";
     ::kill(holding, SIGTERM);
     ASSERT_TRUE(x11test::waitFor([&] { return testhelpers::wordAccuracy(kSentence, fieldText()) >= 0.8; }, 30000ms))
-        << "the field shows: " << fieldText() << "\n" << log();
+        << fieldReport() << log();
 }
 
 } // namespace

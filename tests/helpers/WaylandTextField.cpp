@@ -7,17 +7,27 @@
 #include <QFile>
 #include <QLineEdit>
 #include <QSaveFile>
+#include <QTime>
 #include <QWindow>
+
+#include <string>
 
 #include <cstdio>
 
 // What reached the field, on standard error, for a test that wants to know why a paste did not arrive.
 class KeyLog : public QObject {
 public:
+    static std::string now() {
+        return QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz")).toStdString();
+    }
     bool eventFilter(QObject* watched, QEvent* event) override {
         if (event->type() == QEvent::KeyPress) {
             const auto* key = static_cast<QKeyEvent*>(event);
-            fprintf(stderr, "key %d modifiers 0x%x\n", key->key(), static_cast<unsigned>(key->modifiers()));
+            fprintf(stderr, "%s key %d modifiers 0x%x\n", now().c_str(), key->key(),
+                    static_cast<unsigned>(key->modifiers()));
+        } else if (event->type() == QEvent::FocusIn || event->type() == QEvent::FocusOut) {
+            // The keyboard taken away by another surface (wl_keyboard.leave) shows here.
+            fprintf(stderr, "%s focus %s\n", now().c_str(), event->type() == QEvent::FocusIn ? "in" : "out");
         }
         return QObject::eventFilter(watched, event);
     }
@@ -40,7 +50,8 @@ int main(int argc, char** argv) {
     KeyLog keyLog;
     field.installEventFilter(&keyLog);
     QObject::connect(QGuiApplication::clipboard(), &QClipboard::dataChanged, [] {
-        fprintf(stderr, "clipboard now: %s\n", QGuiApplication::clipboard()->text().toUtf8().constData());
+        fprintf(stderr, "%s clipboard now: %s\n", KeyLog::now().c_str(),
+                QGuiApplication::clipboard()->text().toUtf8().constData());
     });
     field.show();
     field.activateWindow();
