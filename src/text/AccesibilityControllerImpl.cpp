@@ -47,7 +47,11 @@ void AccesibilityControllerImpl::injectTextViaPaste(const std::string& text, std
         if (!alive) return;
         logInfo("injectTextViaPaste() - originalClipboardContent: " + std::string(kPrivatized));
         logInfo("injectTextViaPaste() - text                    : " + std::string(kPrivatized));
-        deps_.clipboardHelper.setString(text, kInjectCaller);
+        if (!deps_.clipboardHelper.setString(text, kInjectCaller)) {
+            // The paste key would paste whatever the clipboard held before.
+            deliverWithoutClipboard(text);
+            return;
+        }
         deps_.loop.post([this, alive, savedText = std::move(savedText), text] {
             if (!alive) return;
             postPasteKeystroke(savedText, text);
@@ -122,6 +126,24 @@ void AccesibilityControllerImpl::keepTextOnClipboardWithoutKeys() {
                                           "This desktop does not let " + messages_->appName() +
                                               " press keys, so the dictated text was not pasted. It is on the "
                                               "clipboard: paste it with Ctrl+V.")
+            .toError());
+}
+
+void AccesibilityControllerImpl::deliverWithoutClipboard(const std::string& text) {
+    if (deps_.keyboard.isAvailable()) {
+        logWarning("injectTextViaPaste() - the clipboard refused the text - typing it instead");
+        postUnicodeText(text, std::nullopt);
+        return;
+    }
+    logError("injectTextViaPaste() - neither the clipboard nor synthetic keys on this desktop - the text was not "
+             "delivered");
+    if (!messages_) return;
+    messages_->showAlertForError(
+        SPRStringError::errorMessageError("Text not delivered",
+                                          "This desktop let " + messages_->appName() +
+                                              " neither use the clipboard nor press keys, so the dictated text "
+                                              "could not be pasted. It is in the history, from where you can "
+                                              "copy it.")
             .toError());
 }
 

@@ -74,6 +74,8 @@ private:
     void keepTextOnClipboard(const std::string& applicationName);
     // No key can be pressed here at all: the text stays on the clipboard and the user is told to paste it.
     void keepTextOnClipboardWithoutKeys();
+    // The clipboard refused the text: typed where keys can be pressed, else the user hears that it did not arrive.
+    void deliverWithoutClipboard(const std::string& text);
     void sendRemotePaste(std::uint16_t vKey, std::optional<std::string> originalContent, std::string text);
     void finishPaste(const std::optional<std::string>& originalContent, const std::string& text);
 

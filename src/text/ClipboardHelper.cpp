@@ -10,16 +10,17 @@ ClipboardHelper::ClipboardHelper(ClipboardHelperDependencies dependencies) : dep
 
 ClipboardHelper::~ClipboardHelper() { lifetime_.expire(); }
 
-void ClipboardHelper::setString(const std::optional<std::string>& text, const std::string& caller) {
+bool ClipboardHelper::setString(const std::optional<std::string>& text, const std::string& caller) {
     // The text itself is the user's: the line says whether there was one, never what it was.
     logInfo("ClipboardHelper.setString() - caller: " + caller + " - setting clipboard to " +
             (text ? std::string(kPrivatized) : std::string("nil")));
-    if (text) {
-        if (!deps_.clipboard.setString(*text))
-            logError("ClipboardHelper.setString() - the clipboard could not be set (caller: " + caller + ")");
-    } else {
+    if (!text) {
         deps_.clipboard.clearContents();
+        return true;
     }
+    if (deps_.clipboard.setString(*text)) return true;
+    logError("ClipboardHelper.setString() - the clipboard could not be set (caller: " + caller + ")");
+    return false;
 }
 
 void ClipboardHelper::getString(std::function<void(std::string)> completion) {

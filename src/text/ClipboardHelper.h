@@ -47,8 +47,9 @@ public:
     ClipboardHelper(const ClipboardHelper&) = delete;
     ClipboardHelper& operator=(const ClipboardHelper&) = delete;
 
-    // Puts the text on the clipboard as its only content; no text empties it. `caller` is for the log.
-    void setString(const std::optional<std::string>& text, const std::string& caller);
+    // Puts the text on the clipboard as its only content; no text empties it. `caller` is for the log. False when
+    // the desktop refused the text (it is logged).
+    bool setString(const std::optional<std::string>& text, const std::string& caller);
     // The clipboard's text, or the empty string when it holds none.
     void getString(std::function<void(std::string)> completion);
     // The text selected in the application in front; nothing when there is none or it cannot be read.

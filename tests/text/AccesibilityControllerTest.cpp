@@ -1,11 +1,13 @@
 // The two delivery routes on virtual time: which keys go out, when, and what the clipboard holds at every moment.
 #include <gtest/gtest.h>
 
+#include "text/RecordingMessages.h"
 #include "text/TextDeliveryTestSupport.h"
 
 using namespace std::chrono_literals;
 using namespace sprelio;
 using sprelio::texttest::application;
+using sprelio::texttest::RecordingMessages;
 using sprelio::texttest::TextDelivery;
 
 namespace {
@@ -204,3 +206,48 @@ TEST(AccesibilityController, ThePasteKeyIsWhereTheLayoutHasVUnlessItsNameEndsInT
 }
 
 } // namespace
+
+// A desktop that refuses the clipboard or the keys: the text goes by the route that is left, and where it can't
+// be delivered or waits on the clipboard the user is told. The paste key is never pressed over a clipboard that
+// still holds the user's own text.
+TEST(AccesibilityController, ARefusedClipboardOrKeyboardLeavesTheRouteThatIsLeftAndNeverPastesTheOldText) {
+    struct Row {
+        const char* name;
+        bool keys;
+        bool clipboardTakesText;
+        std::vector<std::string> sent;
+        std::string clipboardAfterwards;
+        std::string told; // empty: nothing to say
+    };
+    const std::vector<Row> rows = {
+        {"both", true, true, kCtrlV, "the user's", ""},
+        {"no clipboard", true, false, {"type:dictated"}, "the user's", ""},
+        {"no keys", false, true, {}, "dictated",
+         "This desktop does not let Sprelio press keys, so the dictated text was not pasted. It is on the "
+         "clipboard: paste it with Ctrl+V."},
+        {"neither", false, false, {}, "the user's",
+         "This desktop let Sprelio neither use the clipboard nor press keys, so the dictated text could not be "
+         "pasted. It is in the history, from where you can copy it."},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        TextDelivery t;
+        RecordingMessages messages;
+        t.controller.setMessages(&messages);
+        t.keyboard.available = row.keys;
+        t.clipboard.refuseSetString = !row.clipboardTakesText;
+        t.clipboard.text = "the user's";
+        t.controller.injectTextViaPaste("dictated", std::nullopt);
+        t.tp.runUntilIdle();
+        t.tp.advance(5s);
+        EXPECT_EQ(t.keyboard.log(), row.sent);
+        EXPECT_EQ(t.clipboard.text, row.clipboardAfterwards);
+        if (row.told.empty()) {
+            EXPECT_TRUE(messages.shown.empty()) << messages.shown[0];
+        } else {
+            ASSERT_EQ(messages.shown.size(), 1u);
+            EXPECT_EQ(messages.shown[0], row.told);
+        }
+        EXPECT_TRUE(t.logNeverShows("dictated"));
+    }
+}
