@@ -4,6 +4,7 @@
 // is pointed at it by PULSE_SERVER. Also the feeder that writes audio into the FIFO at real-time pace.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -77,6 +78,8 @@ public:
         pid_ = ::fork();
         if (pid_ < 0) throw std::runtime_error("fork failed");
         if (pid_ == 0) {
+            // A test that dies (a sanitizer's halt, a crash, ctest's time-out) takes its daemon along.
+            ::prctl(PR_SET_PDEATHSIG, SIGTERM);
             ::setenv("HOME", (dir_ / "home").c_str(), 1);
             ::setenv("XDG_RUNTIME_DIR", (dir_ / "run").c_str(), 1);
             ::setenv("PULSE_RUNTIME_PATH", (dir_ / "run").c_str(), 1);
