@@ -59,12 +59,14 @@ test-tsan: deps
 # libFuzzer targets of every parser of outside bytes, built with clang in their own directory, each run for
 # FUZZ_SECONDS on its seed corpus (tests/fuzz/corpus/<target>); what they find lands in build-fuzz/findings.
 FUZZ_SECONDS ?= 60
+# Empty: random choices, a new exploration each run. A number: the same choices each run (CI).
+FUZZ_SEED ?=
 fuzz: deps
 	@cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(SANITIZER_BUILD_FLAGS) -DSPRELIO_WERROR=OFF -DSPRELIO_BUILD_BENCH=OFF \
 	  -DSPRELIO_BUILD_TESTS=OFF -DSPRELIO_FUZZ=ON -DCMAKE_CXX_COMPILER=clang++-14 \
 	  -DCMAKE_CXX_FLAGS="$(SANITIZER_FLAGS) -fsanitize=address,undefined,fuzzer-no-link -fno-sanitize-recover=undefined" >/dev/null
 	@cmake --build build-fuzz -j $(JOBS) --target sprelio_fuzzers
-	@$(SANITIZER_ENV) tests/fuzz/run-fuzzers.sh build-fuzz $(FUZZ_SECONDS)
+	@$(SANITIZER_ENV) FUZZ_SEED=$(FUZZ_SEED) tests/fuzz/run-fuzzers.sh build-fuzz $(FUZZ_SECONDS)
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/bench_*; do echo "== $$b"; $$b; done

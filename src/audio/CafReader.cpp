@@ -409,6 +409,17 @@ CafRecoveryResult CafReader::recover(const std::filesystem::path& path) {
     }
     if (finished) return {true, int64_t(reader.packetCount()), reader.durationSeconds()};
     reader.parse(true);
+    // A description that no packet can follow (a foreign or damaged header): not even an empty recording can be
+    // made of it. A recording of ours cut before its first packet still has the data's start and becomes an empty
+    // finished file; its packets always have their length in frames.
+    if (reader.packetOffsets_.empty()) {
+        caf::fail(CafErrorCode::notRecoverable, "the audio data can't be divided into packets; nothing to recover",
+                  reader.name_);
+    }
+    if (reader.desc_.framesPerPacket == 0 && reader.packetFrames_.size() < reader.packetCount()) {
+        caf::fail(CafErrorCode::notRecoverable, "the packets' lengths in frames are unknown; nothing to recover",
+                  reader.name_);
+    }
 
     auto d = reader.desc_;
     // Opus recordings declare their common packet size only while they are written; finished, they are described

@@ -426,7 +426,7 @@ void HttpAudioUploadManager::handleStream(const std::shared_ptr<Attempt>& attemp
         std::optional<std::string> parseFailure;
         try {
             object = nlohmann::json::parse(line);
-        } catch (const nlohmann::json::parse_error& e) {
+        } catch (const nlohmann::json::exception& e) {
             parseFailure = e.what();
         }
         logInfo(std::string(kUpload) + "handle text/event-stream response - event: " +
@@ -489,7 +489,7 @@ void HttpAudioUploadManager::handlePlain(const std::shared_ptr<Attempt>& attempt
         if (!object.is_object()) {
             failure = jsonError("the answer is JSON but not an object (" + std::string(object.type_name()) + ")");
         }
-    } catch (const nlohmann::json::parse_error& e) {
+    } catch (const nlohmann::json::exception& e) {
         failure = jsonError(e.what());
     }
     if (failure) {

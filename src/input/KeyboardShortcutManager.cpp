@@ -198,8 +198,13 @@ void KeyboardShortcutManager::updateKeysSetFromUserShortcuts() {
     for (const auto& shortcut : *shortcuts) {
         const auto code = shortcut->modifierEventKeyCode();
         if (code == -1) continue;
-        if (code < 0 || code > 0xffff) fatal("updateKeysSetFromUserShortcuts() - invalid modifierEventKeyCode " +
-                                             std::to_string(code));
+        // A stored value no key can have is damage in the store, not a reason to stop dictation: that shortcut's
+        // key is left out.
+        if (code < 0 || code > 0xffff) {
+            logError("updateKeysSetFromUserShortcuts() - invalid modifierEventKeyCode " + std::to_string(code) +
+                     ", the shortcut's key is left out");
+            continue;
+        }
         keys.insert(static_cast<std::uint16_t>(code));
     }
     keysSet_ = keys;
@@ -222,7 +227,10 @@ void KeyboardShortcutManager::configureKeyboardShortcuts() {
             continue;
         }
         const auto uuid = shortcut->uuid();
-        if (!uuid) fatal("configureKeyboardShortcuts() - UserShortcut without uuid");
+        if (!uuid) {
+            logError("configureKeyboardShortcuts() - UserShortcut without uuid, left without keys");
+            continue;
+        }
         const std::string name = uuid->string();
         const auto alive = lifetime_.token();
         deps_.keyboardShortcuts.onKeyDown(name, [this, alive, raw, shortcut] {
@@ -305,7 +313,10 @@ void KeyboardShortcutManager::unregisterKeysForShortcut(const UserShortcutPtr& s
     cdSaveContext(&deps_.viewContext, "unregisterKeysForShortcut(_:)");
     updateKeysSetFromUserShortcuts();
     const auto uuid = shortcut->uuid();
-    if (!uuid) fatal("unregisterKeysForShortcut(_:) - UserShortcut without uuid");
+    if (!uuid) {
+        logError("unregisterKeysForShortcut(_:) - UserShortcut without uuid");
+        return;
+    }
     deps_.keyboardShortcuts.disable({uuid->string()});
     deps_.keyboardShortcuts.reset({uuid->string()});
 }

@@ -208,5 +208,23 @@ TEST_F(Answers, TheSessionInterfaceJoinsLanguagesAndDropsTheStatus) {
     EXPECT_EQ((*result)["text"], "x");
 }
 
+// Found by fuzz_upload_answer: a number too large for a double is JSON that parses as far as the number and then
+// throws out_of_range, not parse_error; it ended the program. Plain or in the line stream, it is an answer that
+// can't be read, like any other.
+TEST_F(Answers, ANumberBeyondWhatADoubleHoldsIsAnUnreadableAnswerNotACrash) {
+    const std::string huge = R"({"text":"x","n":777777777777777755557777777777777777775E5555555555958})";
+    for (const bool stream : {false, true}) {
+        SCOPED_TRACE(stream ? "line stream" : "plain");
+        useBackends(1);
+        servers.back()->script("/transcribe", stream ? streamAnswer({huge + "\n"}) : jsonAnswer(huge));
+        auto outcome = upload();
+        ASSERT_TRUE(waitFor([&] { return !outcome->calls.empty(); }));
+        drain();
+        ASSERT_EQ(outcome->calls.size(), 1u);
+        EXPECT_FALSE(outcome->calls[0].result);
+        EXPECT_TRUE(outcome->calls[0].error);
+    }
+}
+
 } // namespace
 } // namespace sprelio::backendtest

@@ -30,7 +30,11 @@ for target in "${targets[@]}"; do
   # on a small input (the server's target waits for its answer over a socket, so it gets more).
   timeout_s=10
   [ "$target" = fuzz_server_http ] && timeout_s=20
-  "$build/tests/fuzz/$target" "$work" "$seeds" -max_total_time="$seconds" -timeout="$timeout_s" \
+  # FUZZ_SEED fixes libFuzzer's random choices, so that a landing is judged by the same mutations each time
+  # (CI); without it every run explores anew.
+  seed_option=()
+  [ -n "${FUZZ_SEED:-}" ] && seed_option=(-seed="$FUZZ_SEED")
+  "$build/tests/fuzz/$target" "$work" "$seeds" "${seed_option[@]}" -max_total_time="$seconds" -timeout="$timeout_s" \
     -rss_limit_mb=2048 -max_len=65536 -print_final_stats=1 -artifact_prefix="$findings/$target-" \
     >"$log" 2>&1
   status=$?

@@ -407,3 +407,18 @@ TEST_F(KeyboardShortcutManagerTest, HotKeyLayerStoresJsonAndReportsARefusedCombi
     EXPECT_FALSE(s.defaults.object("KeyboardShortcuts_CMD_H"));
     EXPECT_EQ(pressed, 1);
 }
+
+// Found by fuzz_stored_texts: a stored key code no key can have ended the program at start-up. Damage in the
+// store costs that shortcut its key, never the others theirs.
+TEST_F(KeyboardShortcutManagerTest, AStoredKeyCodeNoKeyCanHaveLeavesThatShortcutOutAndTheOthersWork) {
+    for (const int damaged : {-7, -32768}) {
+        SCOPED_TRACE(damaged);
+        InputStack stack;
+        stack.addTapShortcut(61, true);
+        auto bad = stack.addTapShortcut(105, false, "recordAndTranscribe", 1);
+        bad->setModifierEventKeyCode(damaged);
+        stack.context.save();
+        stack.keyboard.setup();
+        EXPECT_EQ(stack.keyboard.keysSet(), (std::set<std::uint16_t>{61}));
+    }
+}
